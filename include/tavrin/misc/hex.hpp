@@ -1,0 +1,68 @@
+// Conversion between byte containers and hexadecimal text, as the controller
+// exchanges binary values (advertising data, attribute values).
+#pragma once
+
+#include <cctype>
+#include <cstdint>
+#include <iomanip>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tavrin/misc/strings.hpp"
+
+namespace zelvo::tavrin::misc {
+
+// Each element as two zero-filled hexadecimal digits, `separator` between
+// elements. An empty container gives an empty text.
+template <typename Container>
+std::string to_hex_string(Container const& bytes, std::string const& separator, bool uppercase) {
+    std::ostringstream out;
+    out << std::hex << std::setfill('0');
+    if (uppercase) {
+        out << std::uppercase;
+    }
+    bool first = true;
+    for (auto byte : bytes) {
+        if (!first) {
+            out << separator;
+        }
+        first = false;
+        out << std::setw(2) << static_cast<unsigned>(static_cast<unsigned char>(byte));
+    }
+    return out.str();
+}
+
+// The inverse of to_hex_string. Only the overall length is checked up front,
+// so with a separator a part may be one digit or empty (an empty part is 0).
+// Throws runtime_error "from_hex_string: Invalid input size", "...: Type is too
+// short" or "...: Got non-hexadecimal value"; nothing partial is returned.
+template <typename Container>
+Container from_hex_string(std::string const& text, std::string const& separator) {
+    auto const sep = separator.size();
+    auto const count = (text.size() + sep) / (sep + 2);
+    if (count * (sep + 2) != text.size() + sep) {
+        throw std::runtime_error("from_hex_string: Invalid input size");
+    }
+    auto const parts = sep != 0 ? split(text, separator) : chunk(text, 2);
+    Container result(parts.size(), 0);
+    auto out = result.begin();
+    for (auto const& part : parts) {
+        if (part.size() > 2 * sizeof(typename Container::value_type)) {
+            throw std::runtime_error("from_hex_string: Type is too short");
+        }
+        for (unsigned char c : part) {
+            if (!std::isxdigit(c)) {
+                throw std::runtime_error("from_hex_string: Got non-hexadecimal value");
+            }
+        }
+        std::uint16_t value = 0;
+        std::istringstream in("0x" + part);
+        in >> std::hex >> value;
+        *out++ = static_cast<typename Container::value_type>(value & 0xFF);
+    }
+    return result;
+}
+
+}  // namespace zelvo::tavrin::misc

@@ -1,0 +1,54 @@
+#include "tavrin/utils/link.hpp"
+
+#include <stdexcept>
+#include <utility>
+
+namespace zelvo::tavrin::utils {
+
+link::impl::~impl() = default;
+
+link::link(std::shared_ptr<impl> const& target) : target(target) {}
+
+link::~link() = default;
+
+void link::assign(link const& other) { target = other.target; }
+
+void link::assign(link&& other) { target = std::move(other.target); }
+
+bool link::active() const { return target && target->active(); }
+
+void link::release() {
+    if (!active()) {
+        return;
+    }
+    target->release();
+    if (active()) {
+        throw std::logic_error("tavrin failed to release link");
+    }
+}
+
+scoped_link::scoped_link(link&& other) : link(static_cast<link const&>(other)) {}
+
+scoped_link::scoped_link(scoped_link&& other) { assign(std::move(static_cast<link&>(other))); }
+
+scoped_link& scoped_link::operator=(link&& other) {
+    release();
+    assign(std::move(other));
+    return *this;
+}
+
+scoped_link& scoped_link::operator=(scoped_link&& other) {
+    release();
+    assign(std::move(static_cast<link&>(other)));
+    return *this;
+}
+
+scoped_link& scoped_link::operator=(link const& other) {
+    release();
+    assign(other);
+    return *this;
+}
+
+scoped_link::~scoped_link() { release(); }
+
+}  // namespace zelvo::tavrin::utils
