@@ -11,25 +11,36 @@ link::link(std::shared_ptr<impl> const& target) : target(target) {}
 
 link::~link() = default;
 
-void link::assign(link const& other) { target = other.target; }
+void link::assign(link const& other) {
+    target = other.target;
+}
 
-void link::assign(link&& other) { target = std::move(other.target); }
+void link::assign(link&& other) {
+    target = std::move(other.target);
+}
 
-bool link::active() const { return target && target->active(); }
+bool link::active() const {
+    return target && target->active();
+}
 
 void link::release() {
     if (!active()) {
         return;
     }
-    target->release();
-    if (active()) {
+    // The release may destroy this link object (when it lives in what is
+    // released); the local reference keeps the target and its verdict valid.
+    std::shared_ptr<impl> const released = target;
+    released->release();
+    if (released->active()) {
         throw std::logic_error("tavrin failed to release link");
     }
 }
 
 scoped_link::scoped_link(link&& other) : link(static_cast<link const&>(other)) {}
 
-scoped_link::scoped_link(scoped_link&& other) { assign(std::move(static_cast<link&>(other))); }
+scoped_link::scoped_link(scoped_link&& other) {
+    assign(std::move(static_cast<link&>(other)));
+}
 
 scoped_link& scoped_link::operator=(link&& other) {
     release();
@@ -49,6 +60,8 @@ scoped_link& scoped_link::operator=(link const& other) {
     return *this;
 }
 
-scoped_link::~scoped_link() { release(); }
+scoped_link::~scoped_link() {
+    release();
+}
 
 }  // namespace zelvo::tavrin::utils

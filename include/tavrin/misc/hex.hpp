@@ -40,9 +40,11 @@ std::string to_hex_string(Container const& bytes, std::string const& separator, 
 // short" or "...: Got non-hexadecimal value"; nothing partial is returned.
 template <typename Container>
 Container from_hex_string(std::string const& text, std::string const& separator) {
+    // n elements take 2n digits and n - 1 separators. Only the length is
+    // checked here; an empty text is zero elements whatever the separator.
     auto const sep = separator.size();
     auto const count = (text.size() + sep) / (sep + 2);
-    if (count * (sep + 2) != text.size() + sep) {
+    if (!text.empty() && count * (sep + 2) != text.size() + sep) {
         throw std::runtime_error("from_hex_string: Invalid input size");
     }
     auto const parts = sep != 0 ? split(text, separator) : chunk(text, 2);
