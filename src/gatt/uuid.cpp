@@ -1,0 +1,166 @@
+#include "tavrin/gatt/uuid.hpp"
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+#include "tavrin/misc/hex.hpp"
+
+namespace zelvo::tavrin::gatt {
+
+namespace {
+
+// Bytes 4 to 15 of a reserved value are those of the base.
+constexpr std::size_t base_tail = 4;
+
+}  // namespace
+
+uuid::uuid() : value(get_raw_base()) {}
+
+uuid::uuid(uuid const& other) : value(other.value) {}
+
+uuid::uuid(uuid&& other) : uuid() {
+    value.swap(other.value);
+}
+
+uuid::uuid(std::vector<unsigned char> const& source) : uuid() {
+    assign(source);
+}
+
+uuid::uuid(std::vector<unsigned char>&& source) : uuid() {
+    assign(std::move(source));
+}
+
+uuid::uuid(std::string const& text) : uuid() {
+    assign(text);
+}
+
+uuid::~uuid() = default;
+
+void uuid::assign(uuid const& other) {
+    value = other.value;
+}
+
+void uuid::assign(uuid&& other) {
+    value.swap(other.value);
+}
+
+void uuid::assign(std::vector<unsigned char> const& source) {
+    std::vector<unsigned char> expanded(source);
+    adjust(expanded);
+    value.swap(expanded);
+}
+
+void uuid::assign(std::vector<unsigned char>&& source) {
+    std::vector<unsigned char> expanded(std::move(source));
+    adjust(expanded);
+    value.swap(expanded);
+}
+
+void uuid::assign(std::string const& text) {
+    std::string digits(text);
+    digits.erase(std::remove(digits.begin(), digits.end(), '-'), digits.end());
+    assign(misc::from_hex_string<std::vector<unsigned char>>(digits, ""));
+}
+
+uuid& uuid::operator=(uuid const& other) {
+    assign(other);
+    return *this;
+}
+
+uuid& uuid::operator=(uuid&& other) {
+    assign(std::move(other));
+    return *this;
+}
+
+uuid& uuid::operator=(std::vector<unsigned char> const& source) {
+    assign(source);
+    return *this;
+}
+
+uuid& uuid::operator=(std::vector<unsigned char>&& source) {
+    assign(std::move(source));
+    return *this;
+}
+
+uuid& uuid::operator=(std::string const& text) {
+    assign(text);
+    return *this;
+}
+
+std::vector<unsigned char> const& uuid::get_raw_base() {
+    static std::vector<unsigned char> const base{0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x10, 0x00,
+                                                 0x80, 0x00, 0x00, 0x80, 0x5F, 0x9B, 0x34, 0xFB};
+    return base;
+}
+
+std::vector<unsigned char>& uuid::adjust(std::vector<unsigned char>& value) {
+    auto const size = value.size();
+    if (size == 16) {
+        return value;
+    }
+    if (size != 2 && size != 4) {
+        throw std::runtime_error("invalid bluetooth uuid size [" + std::to_string(size) + "]");
+    }
+    std::vector<unsigned char> short_form(get_raw_base());
+    short_form.swap(value);
+    std::copy(short_form.begin(), short_form.end(), value.begin() + (size == 2 ? 2 : 0));
+    return value;
+}
+
+bool uuid::is_reserved() const {
+    auto const& base = get_raw_base();
+    if (value.size() <= base_tail || value.size() != base.size()) {
+        return false;
+    }
+    return std::equal(value.begin() + base_tail, value.end(), base.begin() + base_tail);
+}
+
+std::size_t uuid::size(bool full) const {
+    if (full || !is_reserved()) {
+        return value.size();
+    }
+    return value[0] == 0 && value[1] == 0 ? 2 : 4;
+}
+
+unsigned char const* uuid::data(bool full) const {
+    return value.data() + (!full && size(false) == 2 ? 2 : 0);
+}
+
+unsigned char* uuid::data(bool full) {
+    return value.data() + (!full && size(false) == 2 ? 2 : 0);
+}
+
+std::string uuid::to_string(bool full) const {
+    if (!full && value.size() > 4) {
+        auto const short_size = size(false);
+        if (short_size == 2) {
+            return misc::to_hex_string(
+                std::vector<unsigned char>(value.begin() + 2, value.begin() + 4), "", false);
+        }
+        if (short_size == 4) {
+            return misc::to_hex_string(std::vector<unsigned char>(value.begin(), value.begin() + 4),
+                                       "", false);
+        }
+    }
+    auto text = misc::to_hex_string(value, "", false);
+    if (text.size() != 32) {
+        return text;
+    }
+    // 8-4-4-4-12: insert from the back so that earlier positions stay put.
+    for (std::size_t position : {20, 16, 12, 8}) {
+        text.insert(position, 1, '-');
+    }
+    return text;
+}
+
+bool uuid::is_equal(uuid const& other) const {
+    return value == other.value;
+}
+
+bool uuid::is_less(uuid const& other) const {
+    return std::lexicographical_compare(value.begin(), value.end(), other.value.begin(),
+                                        other.value.end());
+}
+
+}  // namespace zelvo::tavrin::gatt
