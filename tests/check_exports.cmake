@@ -13,9 +13,10 @@ endif()
 
 execute_process(COMMAND nm -D -C --defined-only ${LIBRARY} OUTPUT_VARIABLE symbols
                 COMMAND_ERROR_IS_FATAL ANY)
+string(REPLACE "[abi:cxx11]" "" symbols "${symbols}")
 
 set(required
-    "zelvo::tavrin::version::get_string()"
+    "zelvo::tavrin::version::get_string"
     "zelvo::tavrin::utils::link::release()"
     "zelvo::tavrin::utils::scoped_link::~scoped_link()"
     "zelvo::tavrin::misc::create_link("
