@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "gatt/attribute_registration.hpp"
+#include "gatt/node_sets.hpp"
 #include "tavrin/misc/aggregate_adapter.hpp"
 #include "tavrin/misc/strings.hpp"
 
@@ -76,9 +77,7 @@ void characteristic::del_property(property value) {
 }
 
 void characteristic::del_properties(std::set<property> const& deleted) {
-    for (auto value : deleted) {
-        properties.erase(value);
-    }
+    detail::erase_each(properties, deleted);
 }
 
 void characteristic::del_properties() {
@@ -98,9 +97,7 @@ void characteristic::del_permission(attribute_permission permission) {
 }
 
 void characteristic::del_permissions(std::set<attribute_permission> const& deleted) {
-    for (auto permission : deleted) {
-        permissions.erase(permission);
-    }
+    detail::erase_each(permissions, deleted);
 }
 
 void characteristic::del_permissions() {
@@ -128,19 +125,11 @@ void characteristic::del_descriptors() {
 }
 
 std::set<descriptor*> characteristic::get_descriptors() {
-    std::set<descriptor*> result;
-    for (auto const& [key, node] : descriptors) {
-        result.insert(node.get());
-    }
-    return result;
+    return detail::node_pointers<descriptor>(descriptors);
 }
 
 std::set<descriptor const*> characteristic::get_descriptors() const {
-    std::set<descriptor const*> result;
-    for (auto const& [key, node] : descriptors) {
-        result.insert(node.get());
-    }
-    return result;
+    return detail::node_pointers<descriptor const>(descriptors);
 }
 
 }  // namespace zelvo::tavrin::gatt

@@ -1,6 +1,7 @@
 #include "tavrin/gatt/descriptor.hpp"
 
 #include "gatt/attribute_registration.hpp"
+#include "gatt/node_sets.hpp"
 
 namespace zelvo::tavrin::gatt {
 
@@ -29,9 +30,7 @@ void descriptor::del_permission(attribute_permission permission) {
 }
 
 void descriptor::del_permissions(std::set<attribute_permission> const& deleted) {
-    for (auto permission : deleted) {
-        permissions.erase(permission);
-    }
+    detail::erase_each(permissions, deleted);
 }
 
 void descriptor::del_permissions() {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "gatt/attribute_registration.hpp"
+#include "gatt/node_sets.hpp"
 #include "tavrin/misc/aggregate_adapter.hpp"
 
 namespace zelvo::tavrin::gatt {
@@ -52,19 +53,11 @@ void service::del_characteristics() {
 }
 
 std::set<characteristic*> service::get_characteristics() {
-    std::set<characteristic*> result;
-    for (auto const& [key, node] : characteristics) {
-        result.insert(node.get());
-    }
-    return result;
+    return detail::node_pointers<characteristic>(characteristics);
 }
 
 std::set<characteristic const*> service::get_characteristics() const {
-    std::set<characteristic const*> result;
-    for (auto const& [key, node] : characteristics) {
-        result.insert(node.get());
-    }
-    return result;
+    return detail::node_pointers<characteristic const>(characteristics);
 }
 
 service* service::add_child(unsigned int child_handle, gatt::uuid const& child_uuid) {
@@ -158,11 +151,7 @@ std::set<service*> service::parent_nodes() const {
 }
 
 std::set<service*> service::child_nodes() const {
-    std::set<service*> result;
-    for (auto const& [key, child] : childs) {
-        result.insert(child.get());
-    }
-    return result;
+    return detail::node_pointers<service>(childs);
 }
 
 std::set<service*> service::closure(neighbours step) const {
