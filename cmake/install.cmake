@@ -19,5 +19,9 @@ install(FILES ${PROJECT_BINARY_DIR}/tavrinConfig.cmake
               ${PROJECT_BINARY_DIR}/tavrinConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tavrin)
 
+# The .pc file finds its prefix from its own location, so the package can be
+# installed with any --prefix after configuration.
+file(RELATIVE_PATH pc_to_prefix "/root/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/root")
+set(pc_prefix "\${pcfiledir}/${pc_to_prefix}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/tavrin.pc.in ${PROJECT_BINARY_DIR}/tavrin.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tavrin.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
