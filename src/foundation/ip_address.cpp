@@ -75,11 +75,6 @@ ip_address& ip_address::operator=(std::vector<unsigned char> const& source) {
     return *this;
 }
 
-ip_address& ip_address::operator=(ip_address const& other) {
-    assign(other.bytes);
-    return *this;
-}
-
 bool ip_address::is_ipv4() const {
     return bytes.size() == ipv4_size + 1;
 }

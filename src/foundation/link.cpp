@@ -49,14 +49,15 @@ scoped_link& scoped_link::operator=(link&& other) {
 }
 
 scoped_link& scoped_link::operator=(scoped_link&& other) {
-    release();
-    assign(std::move(static_cast<link&>(other)));
-    return *this;
+    return *this = std::move(static_cast<link&>(other));
 }
 
 scoped_link& scoped_link::operator=(link const& other) {
+    // The release may destroy whatever owned `other`; the copy keeps its
+    // target for the assignment.
+    link const kept(other);
     release();
-    assign(other);
+    assign(kept);
     return *this;
 }
 

@@ -40,6 +40,9 @@ std::string trim(std::string const& text, std::string const& chars) {
 }
 
 std::vector<std::string> split(std::string const& text, std::string const& delimiter) {
+    if (delimiter.empty()) {
+        throw std::invalid_argument("split: empty delimiter");
+    }
     std::vector<std::string> fields;
     if (text.empty()) {
         return fields;

@@ -1,5 +1,7 @@
 #include "values/wire_values.hpp"
 
+#include <limits>
+#include <stdexcept>
 #include <string>
 
 namespace zelvo::tavrin::impl {
@@ -16,6 +18,21 @@ std::string const* find_string(json::object_t const& object, char const* key) {
         return nullptr;
     }
     return &found->second.get_ref<std::string const&>();
+}
+
+// The JSON library's conversion of a number to T, which names the type it
+// found when the value is no number. A fractional value is truncated; one that
+// T can't hold is refused, as the conversion itself would be undefined.
+template <typename T>
+T to_number(json const& value) {
+    if (value.is_number_float()) {
+        auto const number = value.get<double>();
+        if (!(number > static_cast<double>(std::numeric_limits<T>::lowest()) - 1 &&
+              number < static_cast<double>(std::numeric_limits<T>::max()) + 1)) {
+            throw std::runtime_error("number out of range: " + value.dump());
+        }
+    }
+    return value.get<T>();
 }
 
 template <typename Enum, typename Parse>
@@ -58,20 +75,22 @@ std::set<bt_ctrl::phy> wire_values::to_phys(json::array_t const& array) {
 
 std::tuple<unsigned short, unsigned short, unsigned short, unsigned short>
 wire_values::to_conn_params(json::object_t const& object) {
-    return {object.at("intervalMin").get<unsigned short>(),
-            object.at("intervalMax").get<unsigned short>(),
-            object.at("latency").get<unsigned short>(), object.at("timeout").get<unsigned short>()};
+    return {to_number<unsigned short>(object.at("intervalMin")),
+            to_number<unsigned short>(object.at("intervalMax")),
+            to_number<unsigned short>(object.at("latency")),
+            to_number<unsigned short>(object.at("timeout"))};
 }
 
 bt_ctrl::signal wire_values::to_signal(json::object_t const& object) {
-    return {object.at("quality").get<unsigned char>(), object.at("strength").get<signed char>()};
+    return {to_number<unsigned char>(object.at("quality")),
+            to_number<signed char>(object.at("strength"))};
 }
 
 std::map<unsigned short, unsigned int> wire_values::to_conn_queue(json::object_t const& object) {
     std::map<unsigned short, unsigned int> queue;
     for (auto const& [key, entry] : object) {
         auto const handle = static_cast<unsigned short>(std::stoi(key));
-        auto const position = entry.get_ref<json::object_t const&>().at("piq").get<unsigned int>();
+        auto const position = to_number<unsigned int>(entry.get<json::object_t>().at("piq"));
         queue.emplace(handle, position);
     }
     return queue;
@@ -84,8 +103,8 @@ std::map<unsigned short, unsigned int> wire_values::to_adv_queue(json::object_t 
 std::map<bt_ctrl::reservation::type, unsigned int> wire_values::to_reservation_cnt(
     json::object_t const& object) {
     return {
-        {bt_ctrl::reservation::type::advertiser, object.at("advertiser").get<unsigned int>()},
-        {bt_ctrl::reservation::type::connection, object.at("connection").get<unsigned int>()},
+        {bt_ctrl::reservation::type::advertiser, to_number<unsigned int>(object.at("advertiser"))},
+        {bt_ctrl::reservation::type::connection, to_number<unsigned int>(object.at("connection"))},
     };
 }
 

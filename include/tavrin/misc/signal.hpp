@@ -15,10 +15,11 @@
 // signal keeps all its slots.
 //
 // Copying is deep: the copy shares no slot with the source, and no link refers
-// to the copy's slots. Assignment clears the target first, so assigning a
-// signal to itself leaves it empty. Moving keeps the slot objects, so their
-// links stay active, but a link made before a move must never be released
-// after it: its list position names an element of the moved-from signal.
+// to the copy's slots. Assignment, from an lvalue or an rvalue alike, is such a
+// copy and clears the target first, so assigning a signal to itself leaves it
+// empty. Move construction keeps the slot objects, so their links stay active,
+// but a link made before it must never be released after it: its list
+// position names an element of the moved-from signal.
 //
 // Single-threaded: use only on the event loop's thread.
 #pragma once
@@ -50,12 +51,6 @@ public:
         for (auto const& slot : source.slots) {
             slots.push_back(std::make_shared<slot_type>(*slot));
         }
-        return *this;
-    }
-
-    signal& operator=(signal&& source) {
-        clear();
-        take(source);
         return *this;
     }
 

@@ -19,9 +19,9 @@ TAVRIN_API std::string to_upper(std::string const& text);
 TAVRIN_API std::string& trim(std::string& text, std::string const& chars);
 TAVRIN_API std::string trim(std::string const& text, std::string const& chars);
 
-// Cuts `text` at every occurrence of `delimiter` (matched as a whole, must not
-// be empty). Empty fields are kept, including a last one after a trailing
-// delimiter; an empty text gives no field at all.
+// Cuts `text` at every occurrence of `delimiter`, matched as a whole. Empty
+// fields are kept, including a last one after a trailing delimiter; an empty
+// text gives no field at all. An empty delimiter throws invalid_argument.
 TAVRIN_API std::vector<std::string> split(std::string const& text, std::string const& delimiter);
 
 // Cuts `text` into pieces of exactly `size` characters; throws runtime_error

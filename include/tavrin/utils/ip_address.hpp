@@ -48,8 +48,8 @@ public:
 
     ip_address& operator=(std::string const& text);
     ip_address& operator=(std::vector<unsigned char> const& source);
-    // Validates, as the copy constructor does.
-    ip_address& operator=(ip_address const& other);
+    // Copies the bytes as they are; unlike construction, it doesn't validate.
+    ip_address& operator=(ip_address const& other) = default;
 
     bool is_ipv4() const;
     bool is_ipv6() const;

@@ -29,10 +29,10 @@ public:
 
     link() = default;
     link(std::shared_ptr<impl> const& target);
+    // Copying shares the target. There is no separate move: a link moved from
+    // keeps its reference, as a copied one does.
     link(link const& other) = default;
-    link(link&& other) noexcept = default;
     link& operator=(link const& other) = default;
-    link& operator=(link&& other) noexcept = default;
     virtual ~link();
 
     // Replace the target; the old one is dropped, not released.
