@@ -1,7 +1,6 @@
 #include "tavrin/utils/mac_address.hpp"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <stdexcept>
 #include <string>
@@ -44,13 +43,7 @@ TEST(MacAddress, RejectsMalformedTextWithItsOwnMessage) {
     }
 }
 
-TEST(MacAddress, FailedParseKeepsThePairsAlreadyRead) {
-    mac_address address(bytes{1, 2, 3, 4, 5, 6});
-    EXPECT_THROW(address = std::string("aa:bb:cc:xx:ee:ff"), std::runtime_error);
-    EXPECT_EQ(bytes_of(address), (bytes{0xAA, 0xBB, 0xCC, 4, 5, 6}));
-}
-
-TEST(MacAddress, RawBytes) {
+TEST(MacAddress, RawBytesAndAFailedParseKeepsThePairsAlreadyRead) {
     EXPECT_THAT([] { mac_address{bytes(5)}; },
                 ThrowsMessage<std::runtime_error>(StrEq("invalid length [5] of mac address")));
     unsigned char const raw[] = {0x10, 0x20, 0x30, 0x40, 0x50, 0x60, 0x70};
@@ -58,22 +51,20 @@ TEST(MacAddress, RawBytes) {
     EXPECT_EQ(bytes_of(address), bytes(6, 0));
     address = raw;
     EXPECT_EQ(bytes_of(address), (bytes{0x10, 0x20, 0x30, 0x40, 0x50, 0x60}));
+    EXPECT_THROW(address = std::string("aa:bb:cc:xx:ee:ff"), std::runtime_error);
+    EXPECT_EQ(bytes_of(address), (bytes{0xAA, 0xBB, 0xCC, 0x40, 0x50, 0x60}));
 }
 
-TEST(MacAddress, FormatsWithSeparatorAndCase) {
+TEST(MacAddress, FormatsAndOrdersBytesUnsignedMostSignificantFirst) {
     mac_address const address(bytes{0x0A, 0xBC, 0x00, 0xFF, 0x12, 0x9d});
-    EXPECT_EQ(address.to_string(':', false), "0a:bc:00:ff:12:9d");
-    EXPECT_EQ(address.to_string('-', true), "0A-BC-00-FF-12-9D");
-    EXPECT_EQ(address.to_string('\n', false), "0abc00ff129d");
+    EXPECT_EQ(address.to_string('-', false), "0a-bc-00-ff-12-9d");
+    EXPECT_EQ(address.to_string('\n', true), "0ABC00FF129D");
     EXPECT_EQ(static_cast<std::string>(address), "0A:BC:00:FF:12:9D");
-}
 
-TEST(MacAddress, OrdersBytesUnsignedFirstMostSignificant) {
     mac_address const low(std::string("00:ff:ff:ff:ff:ff"));
     mac_address const high(std::string("80:00:00:00:00:00"));
     EXPECT_TRUE(low < high && low <= high && high > low && low != high);
     EXPECT_FALSE(high < low || low == high || low < low);
-    EXPECT_TRUE(low == mac_address(bytes{0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}));
 }
 
 }  // namespace

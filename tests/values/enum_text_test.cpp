@@ -1,13 +1,14 @@
 // The text forms of every enumeration, checked through one table: the words by
 // value, what to_string says for a value outside the enumeration, whether the
-// parser ignores case, and what it does with a word it doesn't know.
+// parser ignores case, and what it does with a word it doesn't know. Then the
+// predicates on scan packet types and on running states.
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tavrin/bt_ctrl.hpp"
 #include "tavrin/misc/strings.hpp"
@@ -68,32 +69,23 @@ std::vector<family> const families = {
                            adv::to_stop_reason),
 };
 
-TEST(EnumText, EveryValueRoundTripsThroughItsWordInEitherCaseWhereCaseIsIgnored) {
+TEST(EnumText, WordsRoundTripAndFailuresFollowEachFamilysRules) {
     for (auto const& f : families) {
+        SCOPED_TRACE(f.words[1]);
         for (unsigned value = 0; value < f.words.size(); ++value) {
             auto const& word = f.words[value];
             EXPECT_EQ(f.write(static_cast<unsigned char>(value)), word);
             EXPECT_EQ(f.read(word), value);
-            auto const upper = zelvo::tavrin::misc::to_upper(word);
-            EXPECT_EQ(f.read(upper), f.ignores_case ? value : 0U) << upper;
+            EXPECT_EQ(f.read(zelvo::tavrin::misc::to_upper(word)), f.ignores_case ? value : 0U);
         }
-    }
-}
-
-TEST(EnumText, WritingAValueOutsideTheEnumerationThrows) {
-    for (auto const& f : families) {
         for (auto value : {f.words.size(), std::size_t{255}}) {
             EXPECT_THAT([&] { f.write(static_cast<unsigned char>(value)); },
                         ThrowsMessage<std::logic_error>(StrEq(f.write_failure)));
         }
-    }
-}
-
-TEST(EnumText, UnknownWordsThrowForStatesAndFallBackToZeroOtherwise) {
-    for (auto const& f : families) {
+        // Unknown words throw for states and fall back to zero otherwise.
         for (std::string word : {"", "Bogus", "unknown", " opened"}) {
             if (f.read_failure.empty()) {
-                EXPECT_EQ(f.read(word), 0U) << f.words[1];
+                EXPECT_EQ(f.read(word), 0U) << word;
                 continue;
             }
             auto expected = f.read_failure;
@@ -111,17 +103,29 @@ TEST(EnumText, PhyAlsoAcceptsM1AndM2) {
 }
 
 TEST(ScanPacketType, ConnectableAndScannableKinds) {
-    // value, connectable, scannable
-    for (auto [value, connectable, scannable] :
-         std::vector<std::tuple<int, bool, bool>>{{0, false, false},
-                                                  {1, true, true},
-                                                  {2, true, false},
-                                                  {3, false, true},
-                                                  {4, false, false},
-                                                  {255, false, false}}) {
+    std::tuple<int, bool, bool> const kinds[] = {{0, false, false}, {1, true, true},
+                                                 {2, true, false},  {3, false, true},
+                                                 {4, false, false}, {255, false, false}};
+    for (auto const& [value, connectable, scannable] : kinds) {
         auto const type = static_cast<bt_ctrl::scan_packet_type>(value);
         EXPECT_EQ(bt_ctrl::is_connectable(type), connectable) << value;
         EXPECT_EQ(bt_ctrl::is_scannable(type), scannable) << value;
+    }
+}
+
+template <typename Base>
+struct fixed_state : Base {
+    explicit fixed_state(typename Base::state state) : state(state) {}
+    typename Base::state get_state() const override { return state; }
+    typename Base::state state;
+};
+
+TEST(RunningState, ConnectionWhenOpenedAdvertiserWhenStarted) {
+    for (unsigned char value = 0; value <= 4; ++value) {
+        auto const c = static_cast<conn::state>(value);
+        auto const a = static_cast<adv::state>(value);
+        EXPECT_EQ(static_cast<bool>(fixed_state<conn>(c)), c == conn::state::opened) << +value;
+        EXPECT_EQ(static_cast<bool>(fixed_state<adv>(a)), a == adv::state::started) << +value;
     }
 }
 

@@ -4,7 +4,6 @@
 #include <tuple>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "values/wire_values.hpp"
@@ -25,34 +24,28 @@ json::object_t object(char const* text) {
 auto const missing_key = ThrowsMessage<std::out_of_range>(StrEq("map::at"));
 
 auto type_error(char const* text) {
-    return ThrowsMessage<json::type_error>(StrEq(text));
+    return ThrowsMessage<json::type_error>(
+        StrEq(std::string("[json.exception.type_error.302] type must be ") + text));
 }
 
-TEST(WireValues, AddressToJson) {
+TEST(WireValues, AddressesNeedBothStringsAndUnknownOnesAreEmpty) {
     bt_ctrl::address const known(type::random_address,
                                  zelvo::tavrin::utils::mac_address("c0ffee123456"));
     EXPECT_EQ(wire_values::to_json(known),
               json::parse(R"({"type": "random", "mac": "C0:FF:EE:12:34:56"})"));
     EXPECT_EQ(wire_values::to_json(bt_ctrl::address(type::unknown, known.mac)), json::object());
-}
 
-TEST(WireValues, AddressFromJsonNeedsBothStrings) {
-    struct row {
-        char const* json;
-        type t;
-        char const* mac;
-    } const rows[] = {
+    std::tuple<char const*, type, char const*> const cases[] = {
         {R"({"type": "RANDOM", "mac": "aa:bb:cc:dd:ee:ff"})", type::random_address,
          "AA:BB:CC:DD:EE:FF"},
         {R"({"type": "bogus", "mac": "aabbccddeeff"})", type::unknown, "AA:BB:CC:DD:EE:FF"},
         {R"({"mac": "aa:bb:cc:dd:ee:ff"})", type::unknown, "00:00:00:00:00:00"},
-        {R"({"type": null, "mac": "aa:bb:cc:dd:ee:ff"})", type::unknown, "00:00:00:00:00:00"},
         {R"({"type": "public", "mac": 5})", type::unknown, "00:00:00:00:00:00"},
     };
-    for (auto const& r : rows) {
-        auto const a = wire_values::to_address(object(r.json));
-        EXPECT_EQ(a.type, r.t) << r.json;
-        EXPECT_EQ(a.mac.to_string(':', true), r.mac) << r.json;
+    for (auto const& [text, t, mac] : cases) {
+        auto const a = wire_values::to_address(object(text));
+        EXPECT_EQ(a.type, t) << text;
+        EXPECT_EQ(a.mac.to_string(':', true), mac) << text;
     }
     EXPECT_THAT([] { wire_values::to_address(object(R"({"type": "public", "mac": "aa:bb"})")); },
                 ThrowsMessage<std::runtime_error>(StrEq("invalid length of mac address: aa:bb")));
@@ -64,14 +57,13 @@ TEST(WireValues, ListsKeepKnownWordsOnce) {
               (std::set{type::public_address, type::random_address}));
     EXPECT_EQ(wire_values::to_phys(json::parse(R"(["1m", "M2", "m1", "unknown", "", "coded"])")),
               (std::set{bt_ctrl::phy::coded, bt_ctrl::phy::m1, bt_ctrl::phy::m2}));
-
-    auto const not_string =
-        type_error("[json.exception.type_error.302] type must be string, but is number");
-    EXPECT_THAT([] { wire_values::to_phys(json::parse(R"(["1m", 2])")); }, not_string);
-    EXPECT_THAT([] { wire_values::to_address_types(json::parse(R"([1])")); }, not_string);
+    EXPECT_THAT([] { wire_values::to_phys(json::parse(R"(["1m", 2])")); },
+                type_error("string, but is number"));
+    EXPECT_THAT([] { wire_values::to_address_types(json::parse(R"([1])")); },
+                type_error("string, but is number"));
 }
 
-TEST(WireValues, ConnParamsAndSignal) {
+TEST(WireValues, NumbersComeFromNamedKeysThatMustAllBeThere) {
     EXPECT_EQ(wire_values::to_conn_params(object(
                   R"({"timeout": 400, "latency": 2, "intervalMax": 24, "intervalMin": 12})")),
               std::make_tuple(12, 24, 2, 400));
@@ -83,13 +75,23 @@ TEST(WireValues, ConnParamsAndSignal) {
             wire_values::to_conn_params(object(
                 R"({"intervalMin": 12, "intervalMax": 24, "latency": "2", "timeout": 400})"));
         },
-        type_error("[json.exception.type_error.302] type must be number, but is string"));
+        type_error("number, but is string"));
 
-    auto const reading = wire_values::to_signal(object(R"({"quality": 200, "strength": -70})"));
+    auto const reading = wire_values::to_signal(object(R"({"quality": 200, "strength": -70.9})"));
     EXPECT_EQ(std::make_tuple(reading.quality, reading.strength), std::make_tuple(200, -70));
+    // A fraction is cut off; a value the field can't hold is refused, not wrapped.
+    for (auto const* const text :
+         {R"({"quality": 256.0, "strength": 0})", R"({"quality": 1, "strength": -1e10})",
+          R"({"quality": -1.0, "strength": 0})"}) {
+        EXPECT_THROW(wire_values::to_signal(object(text)), std::runtime_error) << text;
+    }
     EXPECT_THAT([] { wire_values::to_signal(object(R"({"quality": 200})")); }, missing_key);
-    bt_ctrl::signal const none;
-    EXPECT_EQ(std::make_tuple(none.quality, none.strength), std::make_tuple(0, -128));
+
+    using kind = bt_ctrl::reservation::type;
+    EXPECT_EQ(wire_values::to_reservation_cnt(object(R"({"connection": 3, "advertiser": 1})")),
+              (std::map<kind, unsigned int>{{kind::connection, 3}, {kind::advertiser, 1}}));
+    EXPECT_THAT([] { wire_values::to_reservation_cnt(object(R"({"connection": 3})")); },
+                missing_key);
 }
 
 TEST(WireValues, QueuesByHandle) {
@@ -102,14 +104,6 @@ TEST(WireValues, QueuesByHandle) {
     EXPECT_THAT([] { wire_values::to_conn_queue(object(R"({"x": {"piq": 1}})")); },
                 ThrowsMessage<std::invalid_argument>(StrEq("stoi")));
     EXPECT_THAT([] { wire_values::to_adv_queue(object(R"({"1": {"pos": 1}})")); }, missing_key);
-}
-
-TEST(WireValues, FreeReservationCounts) {
-    using kind = bt_ctrl::reservation::type;
-    EXPECT_EQ(wire_values::to_reservation_cnt(object(R"({"connection": 3, "advertiser": 1})")),
-              (std::map<kind, unsigned int>{{kind::connection, 3}, {kind::advertiser, 1}}));
-    EXPECT_THAT([] { wire_values::to_reservation_cnt(object(R"({"connection": 3})")); },
-                missing_key);
 }
 
 }  // namespace
