@@ -132,16 +132,10 @@ unsigned char* uuid::data(bool full) {
 }
 
 std::string uuid::to_string(bool full) const {
-    if (!full && value.size() > 4) {
-        auto const short_size = size(false);
-        if (short_size == 2) {
-            return misc::to_hex_string(
-                std::vector<unsigned char>(value.begin() + 2, value.begin() + 4), "", false);
-        }
-        if (short_size == 4) {
-            return misc::to_hex_string(std::vector<unsigned char>(value.begin(), value.begin() + 4),
-                                       "", false);
-        }
+    if (!full && value.size() > 4 && size(false) != value.size()) {
+        auto const* const short_form = data(false);
+        return misc::to_hex_string(std::vector<unsigned char>(short_form, short_form + size(false)),
+                                   "", false);
     }
     auto text = misc::to_hex_string(value, "", false);
     if (text.size() != 32) {
