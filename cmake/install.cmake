@@ -6,6 +6,8 @@ install(TARGETS tavrin EXPORT tavrinTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/tavrin
+                  ${PROJECT_SOURCE_DIR}/bus/include/quorl
+                  ${PROJECT_SOURCE_DIR}/bus/include/stravik
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT tavrinTargets NAMESPACE tavrin::
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tavrin)

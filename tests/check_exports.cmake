@@ -29,7 +29,15 @@ set(required
     "zelvo::tavrin::bt_ctrl::capabilities::operator&="
     "zelvo::tavrin::gatt::uuid::to_string("
     "zelvo::tavrin::gatt::service::add_child("
-    "zelvo::tavrin::gatt::profile::find_service(")
+    "zelvo::tavrin::gatt::profile::find_service("
+    "zelvo::tavrin::utils::event_loop::event_loop()"
+    "zelvo::tavrin::adapters::test_loop::advance("
+    "zelvo::quorl::send("
+    "zelvo::quorl::receive("
+    "zelvo::quorl_server::send_event("
+    "zelvo::quorl_utils::error::code() const"
+    "zelvo::quorl_utils::scoped_link::~scoped_link()"
+    "zelvo::stravik_part_payload::from_bytes")
 foreach(symbol IN LISTS required)
     string(FIND "${symbols}" "${symbol}" found)
     if(found EQUAL -1)
@@ -37,10 +45,12 @@ foreach(symbol IN LISTS required)
     endif()
 endforeach()
 
-# Internal classes live in zelvo::tavrin::impl (utils::link::impl is the
-# public interface of a link's target and is allowed).
+# Internal classes live in zelvo::tavrin::impl and zelvo::quorl_detail
+# (utils::link::impl is the public interface of a link's target and is allowed).
 string(REPLACE "utils::link::impl" "" without_link_impl "${symbols}")
-foreach(forbidden "zelvo::tavrin::impl::" "(anonymous namespace)" "linkhandlerdetail")
+foreach(forbidden "zelvo::tavrin::impl::" "zelvo::quorl_detail::endpoint::" "zelvo::quorl_detail::frame_reader::"
+        "zelvo::quorl_detail::encode_frame" "responder::state::"
+        "(anonymous namespace)" "linkhandlerdetail")
     string(FIND "${without_link_impl}" "${forbidden}" found)
     if(NOT found EQUAL -1)
         string(SUBSTRING "${without_link_impl}" ${found} 160 context)
