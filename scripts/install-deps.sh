@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
     cmake ninja-build g++ clang clang-format pkg-config binutils
     nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev
-    libasio-dev libcli11-dev
+    libasio-dev libcli11-dev libclang-rt-14-dev
 )
 
 missing=()
