@@ -294,7 +294,11 @@ void endpoint::on_response(frame_view const& frame) {
         return;  // cancelled or timed out: its outcome is given already
     }
     auto const request = std::move(*found);
-    pending.erase(found);
+    if (found == pending.begin()) {
+        pending.pop_front();
+    } else {
+        pending.erase(found);
+    }
 
     auto context = std::make_shared<quorl::resp_ctx>();
     switch (frame.space) {

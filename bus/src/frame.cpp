@@ -1,6 +1,6 @@
 #include "frame.hpp"
 
-#include <algorithm>
+#include <cstring>
 #include <stdexcept>
 
 namespace zelvo::quorl_detail {
@@ -76,10 +76,7 @@ void encode_frame(std::vector<unsigned char>& bytes, frame_kind kind, std::uint3
     if (name.size() > 0xffff) {
         throw std::invalid_argument("quorl: name longer than 65535 bytes");
     }
-    bytes.clear();
-    bytes.reserve(frame_header_size + name.size() + payload.size());
-    bytes.resize(frame_header_size);
-    unsigned char* const header = bytes.data();
+    unsigned char header[frame_header_size];
     header[0] = frame_magic;
     header[1] = frame_version;
     header[2] = static_cast<unsigned char>(kind);
@@ -91,8 +88,15 @@ void encode_frame(std::vector<unsigned char>& bytes, frame_kind kind, std::uint3
     header[11] = static_cast<unsigned char>(name.size());
     write32(header + 12, static_cast<std::uint32_t>(code));
     write32(header + 16, static_cast<std::uint32_t>(payload.size()));
-    bytes.insert(bytes.end(), name.begin(), name.end());
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
+
+    bytes.resize(frame_header_size + name.size() + payload.size());
+    std::memcpy(bytes.data(), header, frame_header_size);
+    if (!name.empty()) {
+        std::memcpy(bytes.data() + frame_header_size, name.data(), name.size());
+    }
+    if (!payload.empty()) {
+        std::memcpy(bytes.data() + frame_header_size + name.size(), payload.data(), payload.size());
+    }
 }
 
 }  // namespace zelvo::quorl_detail
