@@ -20,7 +20,7 @@ struct slot final : quorl_utils::link::target {
 
     void release() override {
         if (live) {
-            live = false;
+            drop();
             if (auto const alive = owner.lock()) {
                 alive->forget_slot(this);
             }
@@ -28,9 +28,34 @@ struct slot final : quorl_utils::link::target {
     }
     bool active() const override { return live; }
 
+    // Ends the registration and frees the handler (and what it captured) at
+    // once, or when its running call returns: a handler that holds its own
+    // link must not keep itself alive.
+    void drop() {
+        live = false;
+        if (running == 0) {
+            handler = nullptr;
+        }
+    }
+
+    template <typename... Args>
+    auto call(Args const&... args) {
+        ++running;
+        struct leave {
+            slot& self;
+            ~leave() {
+                if (--self.running == 0 && !self.live) {
+                    self.handler = nullptr;
+                }
+            }
+        } const guard{*this};
+        return handler(args...);
+    }
+
     std::weak_ptr<endpoint> owner;
     Handler handler;
     bool live = true;
+    int running = 0;
 };
 
 struct exchange final : quorl_utils::link::target {
@@ -66,15 +91,25 @@ std::shared_ptr<quorl::resp_ctx> failed(error const& first) {
 }
 
 // Gives an exchange, already marked done, its outcome: the reply check
-// first, then the request's handler unless the check held the reply back.
-void deliver(check_slot const check, exchange& request,
+// first, then the request's handler unless the check held the reply back. If
+// the check throws, the handler still gets its outcome, on a later turn.
+void deliver(quorl_utils::event_loop& loop, check_slot const check, exchange& request,
              std::shared_ptr<quorl::resp_ctx> const& context) {
     auto const handler = std::move(request.handler);
     if (check && check->live) {
         auto reply = std::make_shared<quorl::reply_ctx>();
         reply->request_name = request.name;
         reply->error = context->first_error;
-        if (!check->handler(reply)) {
+        bool passed = false;
+        try {
+            passed = check->call(reply);
+        } catch (...) {
+            if (handler) {
+                loop.defer([handler, context] { handler(context); });
+            }
+            throw;
+        }
+        if (!passed) {
             return;
         }
     }
@@ -98,7 +133,8 @@ void post_outcomes(std::weak_ptr<quorl_utils::event_loop> const& weak_loop,
         return;
     }
     loop->defer([weak_loop, check, queue] {
-        while (!queue->empty()) {
+        auto const loop = weak_loop.lock();
+        while (loop && !queue->empty()) {
             outcome next = std::move(queue->front());
             queue->pop_front();
             if (next.request->done) {
@@ -106,7 +142,7 @@ void post_outcomes(std::weak_ptr<quorl_utils::event_loop> const& weak_loop,
             }
             next.request->done = true;
             try {
-                deliver(*check, *next.request, next.context);
+                deliver(*loop, *check, *next.request, next.context);
             } catch (...) {
                 post_outcomes(weak_loop, check, queue);
                 throw;
@@ -154,16 +190,20 @@ void endpoint::end() {
     pending.clear();
 
     if (error_slot) {
-        error_slot->live = false;
+        error_slot->drop();
     }
     if (fallback_slot) {
-        fallback_slot->live = false;
+        fallback_slot->drop();
     }
     for (auto& entry : event_slots) {
-        entry.second->live = false;
+        if (entry.second) {
+            entry.second->drop();
+        }
     }
     for (auto& entry : request_slots) {
-        entry.second->live = false;
+        if (entry.second) {
+            entry.second->drop();
+        }
     }
     error_slot.reset();
     fallback_slot.reset();
@@ -285,7 +325,7 @@ void endpoint::on_request(frame_view const& frame) {
     context->format = frame.format;
     quorl_server::responder const responder(
         std::make_shared<quorl_server::responder::state>(weak_from_this(), frame.id));
-    handling->handler(context, responder);
+    handling->call(context, responder);
 }
 
 void endpoint::on_response(frame_view const& frame) {
@@ -314,7 +354,7 @@ void endpoint::on_response(frame_view const& frame) {
             break;
     }
     request->done = true;
-    deliver(*reply_check, *request, context);
+    deliver(*loop, *reply_check, *request, context);
 }
 
 void endpoint::on_event(frame_view const& frame) {
@@ -328,21 +368,23 @@ void endpoint::on_event(frame_view const& frame) {
     context->name = std::move(name);
     context->payload.assign(frame.payload, frame.payload + frame.payload_size);
     context->format = frame.format;
-    handling->handler(context);
+    handling->call(context);
 }
 
 void endpoint::stream_failed(local_error fault) {
     broken = true;
     reader.clear();
+    report(fault);
     // Tell the peer which of its bytes we could not take; best effort.
     write_frame(frame_kind::error, 0, status_space::none, static_cast<std::int32_t>(fault), {}, {});
-    report(fault);
 }
 
 bool endpoint::write_frame(frame_kind kind, std::uint32_t id, status_space space, std::int32_t code,
                            std::string const& name, quorl_utils::payload const& payload) {
-    // One buffer serves every frame; a writer that re-enters the endpoint
-    // and writes meanwhile gets a buffer of its own.
+    // The writer may destroy the instance; the endpoint lives to the end of
+    // this call. One buffer serves every frame; a writer that re-enters the
+    // endpoint and writes meanwhile gets a buffer of its own.
+    auto const self = shared_from_this();
     std::vector<unsigned char> own;
     bool const outermost = !encoding;
     auto& bytes = outermost ? scratch : own;
@@ -375,7 +417,7 @@ void endpoint::report(error const& fault) {
             auto const handling = self->error_slot;
             auto context = std::make_shared<quorl::error_ctx>();
             context->error = fault;
-            handling->handler(context);
+            handling->call(context);
         }
     });
 }
@@ -386,6 +428,7 @@ quorl_utils::link endpoint::send(quorl::req_msg const& request,
     if (request.name.empty()) {
         throw std::invalid_argument("quorl: empty request name");
     }
+    auto const self = shared_from_this();  // the writer may destroy the instance
     auto const sent = std::make_shared<exchange>();
     sent->owner = weak_from_this();
     sent->name = request.name;
@@ -489,7 +532,7 @@ void endpoint::run_due() {
         }
         request->done = true;
         try {
-            deliver(*reply_check, *request, failed(exchange_error::timed_out));
+            deliver(*loop, *reply_check, *request, failed(exchange_error::timed_out));
         } catch (...) {
             if (!due.empty()) {
                 loop->defer([weak = weak_from_this()] {
@@ -556,7 +599,7 @@ template <typename Handler>
 quorl_utils::link install(std::shared_ptr<slot<Handler>>& place, std::weak_ptr<endpoint> owner,
                           Handler const& handler) {
     if (place) {
-        place->live = false;
+        place->drop();
         place.reset();
     }
     if (!handler) {

@@ -26,16 +26,21 @@ bool fields_fit_kind(frame_view const& frame) {
         case frame_kind::request:
             return no_status && frame.name_size > 0;
         case frame_kind::response:
+            // Of the exchange codes, only those an answering end sends may
+            // come over the wire: aborted and the other local outcomes can't.
             return frame.id != 0 && frame.name_size == 0 &&
                    (frame.space == status_space::none
                         ? frame.code == 0
                         : frame.payload_size == 0 &&
-                              frame.format == stravik_part_payload::format::none);
+                              frame.format == stravik_part_payload::format::none &&
+                              (frame.space == status_space::application || frame.code == 4 ||
+                               frame.code == 5));
         case frame_kind::event:
             return no_status && frame.id == 0 && frame.name_size > 0;
         case frame_kind::error:
             return frame.id == 0 && frame.space == status_space::none && frame.name_size == 0 &&
-                   frame.payload_size == 0;
+                   frame.payload_size == 0 && frame.format == stravik_part_payload::format::none &&
+                   frame.code >= 0 && frame.code <= 2;
     }
     return false;
 }
@@ -75,6 +80,9 @@ void encode_frame(std::vector<unsigned char>& bytes, frame_kind kind, std::uint3
                   stravik_part_payload::format format, std::vector<unsigned char> const& payload) {
     if (name.size() > 0xffff) {
         throw std::invalid_argument("quorl: name longer than 65535 bytes");
+    }
+    if (payload.size() > 0xffffffff) {
+        throw std::invalid_argument("quorl: payload of 4 GiB or more");
     }
     unsigned char header[frame_header_size];
     header[0] = frame_magic;

@@ -3,8 +3,8 @@
 namespace zelvo::quorl_detail {
 
 void frame_reader::append(unsigned char const* data, std::size_t size) {
-    // Drop what was taken before growing, so the buffer holds at most one
-    // partial frame plus the new chunk.
+    // Drop what was taken once it is at least half the buffer, so that the
+    // buffer stays within twice what is held and the move is amortised.
     if (start > 0 && (start == bytes.size() || start >= bytes.size() / 2)) {
         compact();
     }

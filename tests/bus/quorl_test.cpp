@@ -214,6 +214,14 @@ TEST(BusStream, BrokenLimitsAndMalformedFramesStopReadingAndAreToldToThePeer) {
         malformed("response to id 0", make(response, 0, "")),
         malformed("unknown status space", make(response, 1, "", {}, format::none, 3, 1)),
         malformed("refusal with a payload", make(response, 1, "", {1}, format::raw, app_status, 7)),
+        // Only the answering end's own exchange codes may arrive: a peer
+        // can't claim that the exchange was aborted or timed out.
+        malformed("peer claims aborted",
+                  make(response, 1, "", {}, format::none, exchange_status, 1)),
+        malformed("peer claims a timeout",
+                  make(response, 1, "", {}, format::none, exchange_status, 2)),
+        malformed("error frame with an unknown code",
+                  make(error_frame, 0, "", {}, format::none, 0, 77)),
     };
     for (auto const& r : rows) {
         SCOPED_TRACE(r.what);
@@ -305,6 +313,34 @@ TEST(BusStream, AReplyCheckSetAfterASendStillSeesItsOutcome) {
     });
     loop->run();
     EXPECT_EQ(trace, (strings{"check a exchange 3", "a exchange 3 - none"}));
+}
+
+TEST(BusStream, AThrowingReplyCheckStillLetsTheHandlerRunOnALaterTurn) {
+    auto const loop = test_loop::create();
+    strings trace;
+    quorl client(loop, [](bytes const&) { return false; });
+    client.set_reply_check_handler([](auto const&) -> bool { throw std::runtime_error("check"); });
+    client.send(
+        {"a", {}}, [&](auto const& r) { trace.push_back("a " + outcome(*r)); }, true, 0s);
+    EXPECT_THROW(loop->run(), std::runtime_error);
+    loop->run();
+    EXPECT_EQ(trace, (strings{"a exchange 3 - none"}));
+}
+
+TEST(BusStream, ASubscriptionHoldingItsOwnLinkIsFreedWhenReleased) {
+    auto const loop = test_loop::create();
+    std::weak_ptr<int> watched;
+    {
+        quorl client(loop, [](bytes const&) {});
+        auto const token = std::make_shared<int>(0);
+        watched = token;
+        auto own = std::make_shared<quorl_utils::link>();
+        *own = client.set_event_handler("tick", [own, token](auto const&) { own->release(); });
+        feed(client, tick(1));
+        own.reset();
+    }
+    loop->run();
+    EXPECT_TRUE(watched.expired());  // the handler, and what it captured, are gone
 }
 
 TEST(BusStream, AThrowingHandlerLeavesReceiveAndTheMessagesBehindItFollowOnce) {
