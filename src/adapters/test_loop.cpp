@@ -231,7 +231,8 @@ private:
         pump_posted = false;
         while (!inbox.empty()) {
             item& next = inbox.front();
-            if (next.session != session || (next.what == kind::bytes && current != state::connected)) {
+            if (next.session != session ||
+                (next.what == kind::bytes && current != state::connected)) {
                 inbox.pop_front();
                 continue;
             }
@@ -239,32 +240,32 @@ private:
                 break;
             }
             switch (next.what) {
-            case kind::report: {
-                auto const reported = next.reported;
-                inbox.pop_front();
-                return report(*c, reported);
-            }
-            case kind::resolve:
-                inbox.pop_front();
-                if (current != state::connecting) {
-                    continue;
+                case kind::report: {
+                    auto const reported = next.reported;
+                    inbox.pop_front();
+                    return report(*c, reported);
                 }
-                return resolve(*c);
-            case kind::closed: {
-                inbox.pop_front();
-                if (current == state::closed) {
-                    continue;
+                case kind::resolve:
+                    inbox.pop_front();
+                    if (current != state::connecting) {
+                        continue;
+                    }
+                    return resolve(*c);
+                case kind::closed: {
+                    inbox.pop_front();
+                    if (current == state::closed) {
+                        continue;
+                    }
+                    current = state::closed;
+                    auto const p = peer.lock();
+                    peer.reset();
+                    if (p) {
+                        p->push(*c, {kind::closed, state::closed, peer_session});
+                    }
+                    return report(*c, state::closed);
                 }
-                current = state::closed;
-                auto const p = peer.lock();
-                peer.reset();
-                if (p) {
-                    p->push(*c, {kind::closed, state::closed, peer_session});
-                }
-                return report(*c, state::closed);
-            }
-            case kind::bytes:
-                return deliver(*c);
+                case kind::bytes:
+                    return deliver(*c);
             }
         }
         schedule(*c);
@@ -437,9 +438,15 @@ void test_loop::advance(std::chrono::milliseconds const& duration) {
     c->clock = end;
 }
 
-std::chrono::milliseconds test_loop::now() const { return self->clock; }
-bool test_loop::idle() const { return self->queue.empty(); }
-std::size_t test_loop::running_timers() const { return self->timers.size(); }
+std::chrono::milliseconds test_loop::now() const {
+    return self->clock;
+}
+bool test_loop::idle() const {
+    return self->queue.empty();
+}
+std::size_t test_loop::running_timers() const {
+    return self->timers.size();
+}
 
 utils::link test_loop::listen(utils::ip_address const& address, unsigned short port,
                               accept_handler const& handler) {
@@ -458,6 +465,8 @@ utils::link test_loop::listen(utils::ip_address const& address, unsigned short p
     });
 }
 
-void test_loop::set_max_chunk(std::size_t bytes) { self->max_chunk = bytes; }
+void test_loop::set_max_chunk(std::size_t bytes) {
+    self->max_chunk = bytes;
+}
 
 }  // namespace zelvo::tavrin::adapters

@@ -18,7 +18,9 @@ using state = utils::connection::state;
 using bytes = std::vector<unsigned char>;
 using lines = std::vector<std::string>;
 
-bytes text(std::string const& value) { return bytes(value.begin(), value.end()); }
+bytes text(std::string const& value) {
+    return bytes(value.begin(), value.end());
+}
 
 std::string word(state value) {
     char const* const words[] = {"closed", "connecting", "connected", "closing"};
@@ -29,7 +31,8 @@ class TestLoopTest : public testing::Test {
 protected:
     // Logs what the connection reports as "who state" and "who got bytes".
     void record(std::shared_ptr<utils::connection> const& end, std::string const& who) {
-        end->set_state_handler([this, who](state value) { log.push_back(who + " " + word(value)); });
+        end->set_state_handler(
+            [this, who](state value) { log.push_back(who + " " + word(value)); });
         end->set_receive_handler([this, who](bytes const& received) {
             log.push_back(who + " got " + std::string(received.begin(), received.end()));
         });
@@ -171,7 +174,8 @@ TEST_F(TestLoopTest, TimersStartedByHandlersFireInTheSameAdvance) {
     now->set_handler(logger("now"));
     tick->start(1s);
     loop->advance(10s);
-    EXPECT_EQ(log, (lines{"tick@1000", "now@1000", "tick@2000", "now@2000", "tick@3000", "now@3000"}));
+    EXPECT_EQ(log,
+              (lines{"tick@1000", "now@1000", "tick@2000", "now@2000", "tick@3000", "now@3000"}));
 }
 
 TEST_F(TestLoopTest, AnExceptionLeavesTheCallAndTheRestRunsOnTheNext) {
@@ -250,7 +254,8 @@ TEST_F(TestLoopTest, BytesOfATurnArriveTogetherLaterInChunksOfAtMostTheLimit) {
 
     loop->set_max_chunk(2);
     server->send(text("hello"));
-    EXPECT_EQ(turns(), (std::vector<lines>{{"client got he"}, {"client got ll"}, {"client got o"}}));
+    EXPECT_EQ(turns(),
+              (std::vector<lines>{{"client got he"}, {"client got ll"}, {"client got o"}}));
 
     // Bytes sent in a turn never reach the peer in that turn.
     loop->set_max_chunk(0);
@@ -272,9 +277,9 @@ TEST_F(TestLoopTest, CloseDeliversWhatWasSentThenBothEndsReportClosed) {
         EXPECT_EQ(closer->get_state(), state::closing);
         EXPECT_FALSE(closer->send(text("late")));
         EXPECT_TRUE(log.empty());
-        EXPECT_EQ(turns(), (std::vector<lines>{{p + " got bye", c + " closing"},
-                                               {p + " closed"},
-                                               {c + " closed"}}));
+        EXPECT_EQ(turns(),
+                  (std::vector<lines>{
+                      {p + " got bye", c + " closing"}, {p + " closed"}, {c + " closed"}}));
         client->close();
         server->close();
         EXPECT_TRUE(loop->idle());
