@@ -60,6 +60,7 @@ struct slot final : quorl_utils::link::target {
 
 struct exchange final : quorl_utils::link::target {
     void release() override {
+        cancelled = true;  // also heard by a reply check that is running
         if (!done) {
             done = true;
             handler = nullptr;
@@ -76,6 +77,7 @@ struct exchange final : quorl_utils::link::target {
     quorl::response_handler handler;
     std::uint64_t deadline = 0;  // in ticks
     bool done = false;           // outcome given, or cancelled
+    bool cancelled = false;
 };
 
 namespace {
@@ -109,7 +111,7 @@ void deliver(quorl_utils::event_loop& loop, check_slot const check, exchange& re
             }
             throw;
         }
-        if (!passed) {
+        if (!passed || request.cancelled) {
             return;
         }
     }

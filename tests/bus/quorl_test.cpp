@@ -297,6 +297,18 @@ TEST_F(BusStream, AReplyCheckSetAfterASendSeesItsOutcomeAndAThrowingOneLetsTheHa
     EXPECT_EQ(trace, (strings{"check a exchange 3", "a exchange 3 - none"}));
 }
 
+TEST_F(BusStream, ARequestReleasedByTheReplyCheckIsNotHandled) {
+    take = false;
+    auto const request = ask("a");
+    client->set_reply_check_handler([&](auto const&) {
+        quorl_utils::link(request).release();
+        return true;
+    });
+    loop->run();
+    EXPECT_TRUE(trace.empty());
+    EXPECT_FALSE(request.active());
+}
+
 TEST_F(BusStream, ASubscriptionHoldingItsOwnLinkIsFreedWhenReleased) {
     auto token = std::make_shared<int>();
     std::weak_ptr<int> const watched = token;
