@@ -106,7 +106,7 @@ void deliver(quorl_utils::event_loop& loop, check_slot const check, exchange& re
         try {
             passed = check->call(reply);
         } catch (...) {
-            if (handler) {
+            if (handler && !request.cancelled) {
                 loop.defer([handler, context] { handler(context); });
             }
             throw;
