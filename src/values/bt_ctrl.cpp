@@ -1,5 +1,7 @@
 #include "tavrin/bt_ctrl/interface.hpp"
 
+#include "tavrin/bt_ctrl/handshake_ctx.hpp"
+
 #include <stdexcept>
 #include <string>
 
@@ -34,6 +36,8 @@ constexpr enum_word<bt_ctrl::state> state_words[] = {
 }  // namespace
 
 bt_ctrl::~bt_ctrl() = default;
+
+bt_ctrl::handshake_ctx::~handshake_ctx() = default;
 
 std::string bt_ctrl::to_string(phy value) {
     return impl::word_of(phy_words, value, "unknown bt phy");

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "tavrin/bt_ctrl/connection_gatts.hpp"
 #include "tavrin/misc/strings.hpp"
 #include "values/enum_words.hpp"
 
@@ -35,6 +36,8 @@ constexpr enum_word<connection::close_reason> close_reason_words[] = {
 }  // namespace
 
 bt_ctrl::connection::~connection() = default;
+bt_ctrl::connection::gatts::~gatts() = default;
+bt_ctrl::connection::gattc::~gattc() = default;
 
 std::string bt_ctrl::connection::to_string(state value) {
     return impl::word_of(state_words, value, "unknown connection state");

@@ -1,7 +1,7 @@
 // The text forms of every enumeration, checked through one table: the words by
 // value, what to_string says for a value outside the enumeration, whether the
 // parser ignores case, and what it does with a word it doesn't know. Then the
-// predicates on scan packet types and on running states.
+// predicates on scan packet types.
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -110,22 +110,6 @@ TEST(ScanPacketType, ConnectableAndScannableKinds) {
         auto const type = static_cast<bt_ctrl::scan_packet_type>(value);
         EXPECT_EQ(bt_ctrl::is_connectable(type), connectable) << value;
         EXPECT_EQ(bt_ctrl::is_scannable(type), scannable) << value;
-    }
-}
-
-template <typename Base>
-struct fixed_state : Base {
-    explicit fixed_state(typename Base::state state) : state(state) {}
-    typename Base::state get_state() const override { return state; }
-    typename Base::state state;
-};
-
-TEST(RunningState, ConnectionWhenOpenedAdvertiserWhenStarted) {
-    for (unsigned char value = 0; value <= 4; ++value) {
-        auto const c = static_cast<conn::state>(value);
-        auto const a = static_cast<adv::state>(value);
-        EXPECT_EQ(static_cast<bool>(fixed_state<conn>(c)), c == conn::state::opened) << +value;
-        EXPECT_EQ(static_cast<bool>(fixed_state<adv>(a)), a == adv::state::started) << +value;
     }
 }
 

@@ -1,8 +1,14 @@
 // bt_ctrl: the client object through which an application uses Bluetooth Low
-// Energy. The application holds it by shared_ptr and calls it on the thread of
-// its event loop only.
+// Energy. The application holds it by shared_ptr (create_bt_ctrl.hpp makes
+// one) and calls it on the thread of its event loop only.
 //
-// This header declares the class with its enumerations and their text forms.
+// Every asynchronous operation returns a utils::link: releasing it keeps the
+// handler from being called and undoes nothing. A refusal is never delivered
+// from inside the call, so the caller holds the link before its handler runs.
+// Handlers that throw reach the exception handler, never the library.
+//
+// This header declares the class with its operations, enumerations and their
+// text forms.
 // The nested classes are declared here and defined in headers of their own
 // (address.hpp, signal.hpp, capabilities.hpp, reservation.hpp, connection.hpp,
 // advertiser.hpp); tavrin/bt_ctrl.hpp includes all of them.
@@ -15,9 +21,15 @@
 // ignore case.
 #pragma once
 
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
 #include <string>
+#include <system_error>
 
 #include "tavrin/export.hpp"
+#include "tavrin/utils/link.hpp"
 
 namespace zelvo::tavrin {
 
@@ -51,10 +63,99 @@ public:
     class gatts;
     class scan_result;
 
+    using connection_queue = std::map<std::shared_ptr<connection const>, unsigned>;
+    using advertiser_queue = std::map<std::shared_ptr<advertiser const>, unsigned>;
+    using reservation_counts = std::map<reservation_type, unsigned>;
+    using reservation_set = std::set<std::shared_ptr<reservation const>>;
+
     bt_ctrl() = default;
     bt_ctrl(bt_ctrl const&) = delete;
     bt_ctrl& operator=(bt_ctrl const&) = delete;
+    // Pending handlers hear error::bt_ctrl::no_instance, called at once.
     virtual ~bt_ctrl();
+
+    // Log lines go to `handler`, prefixed "tavrin: " (and "<name>: " when
+    // `name` is not empty). A new handler replaces the old one; releasing the
+    // link stops the lines.
+    virtual utils::link set_log_handler(
+        std::function<void(log_level, std::string const&)> const& handler,
+        std::string const& name) = 0;
+    // Gets the fixed text of an application handler that threw, called inside
+    // the catch block. Releasing the link drops it.
+    virtual utils::link set_exception_handler(
+        std::function<void(std::string const&)> const& handler) = 0;
+
+    // From `disabled`: connects, hands `handler` a context to finish the
+    // handshake on, or an error. In any other state the handler gets
+    // inappropriate_state. Failed connects are retried with back-off, and the
+    // handler waits for them.
+    virtual utils::link enable(std::function<void(std::shared_ptr<handshake_ctx> const&,
+                                                  std::error_code const&)> const& handler) = 0;
+    // Reconnects and binds the interface bound before, in any state.
+    virtual utils::link reset(std::function<void(std::error_code const&)> const& handler) = 0;
+    // Drops the controller; pending handlers hear operation_aborted on a later
+    // turn. Synchronous and valid in every state.
+    virtual void disable() = 0;
+    virtual state get_state() const = 0;
+    // `handler` hears every later state change, not the present state.
+    virtual utils::link notify_on_state_change(std::function<void(state)> const& handler) const = 0;
+    // The interface's address; empty unless `enabled`.
+    virtual address const& get_address() const = 0;
+
+    // Scanning is not available: all four throw logic_error "Not implemented".
+    virtual utils::link start_scan(std::set<phy> const& phys, bool active,
+                                   std::function<void(std::error_code const&)> const& handler) = 0;
+    virtual utils::link stop_scan(std::function<void(std::error_code const&)> const& handler) = 0;
+    virtual utils::link notify_on_scan_result(
+        std::function<void(scan_result const&)> const& handler) const = 0;
+    virtual utils::link notify_on_scan_stopped(std::function<void()> const& handler) const = 0;
+
+    // A new connection object, closed, owned by the caller.
+    virtual std::shared_ptr<connection> create_connection() = 0;
+    virtual unsigned get_connection_max_cnt() const = 0;
+    virtual utils::link get_connection_queue(
+        std::function<void(connection_queue const&, std::error_code const&)> const& handler)
+        const = 0;
+    virtual utils::link notify_on_connection_queue_changed(
+        std::function<void(connection_queue const&)> const& handler) const = 0;
+    // Connections that the controller reported and the application did not make.
+    virtual utils::link notify_on_new_connection(
+        std::function<void(std::shared_ptr<connection const> const&)> const& handler) const = 0;
+
+    // A new advertiser object, stopped, owned by the caller.
+    virtual std::shared_ptr<advertiser> create_advertiser() = 0;
+    virtual unsigned get_advertiser_max_cnt() const = 0;
+    virtual utils::link get_advertiser_queue(
+        std::function<void(advertiser_queue const&, std::error_code const&)> const& handler)
+        const = 0;
+    virtual utils::link notify_on_advertiser_queue_changed(
+        std::function<void(advertiser_queue const&)> const& handler) const = 0;
+    virtual utils::link notify_on_new_advertiser(
+        std::function<void(std::shared_ptr<advertiser const> const&)> const& handler) const = 0;
+
+    // Free radio slots per kind of reservation; empty unless `enabled`.
+    virtual reservation_counts get_free_reservation_cnt() const = 0;
+    virtual utils::link notify_on_free_reservation_cnt_change(
+        std::function<void(reservation_counts const&)> const& handler) const = 0;
+    virtual reservation_set const& get_reservations() const = 0;
+    virtual utils::link add_reservation(
+        reservation_type type, address const& target, std::string const& custom_data,
+        std::function<void(std::shared_ptr<reservation const> const&,
+                           std::error_code const&)> const& handler) = 0;
+    virtual utils::link replace_reservation(
+        std::shared_ptr<reservation const> const& old_reservation, reservation_type type,
+        address const& target, std::string const& custom_data,
+        std::function<void(std::shared_ptr<reservation const> const&,
+                           std::error_code const&)> const& handler) = 0;
+    virtual utils::link remove_reservation(
+        std::shared_ptr<reservation const> const& target,
+        std::function<void(std::error_code const&)> const& handler) = 0;
+
+    // The GATT server; it exists in every state.
+    virtual gatts const& get_gatts() const = 0;
+    virtual gatts& get_gatts() = 0;
+    // What the bound interface can do; kept from the last handshake.
+    virtual capabilities const& get_capabilities() const = 0;
 
     // "unknown", "coded", "1m", "2m".
     static std::string to_string(phy value);
