@@ -1,0 +1,68 @@
+// Synchronisation: a report of "enabled" subscribes to the controller's events
+// and asks for the mirrors in one burst; the end of the last reply makes the
+// state `enabled`. clear_sync() is its counterpart and empties the mirrors.
+//
+// The waiter of a running sync is held only by its response handlers, so the
+// last response to finish ends the sync; `sync_waiter` only watches it, so
+// that clear_sync() can abort it.
+#include <memory>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "client/bt_ctrl.hpp"
+#include "stravik/part_payload.hpp"
+#include "tavrin/misc/tie_handler.hpp"
+
+namespace zelvo::tavrin::impl {
+
+void bt_ctrl::start_sync() {
+    auto waiter =
+        std::make_shared<sync_waiter_type>(misc::tie_handler(std::function<void()>([this] {
+                                                                 current_state = state::enabled;
+                                                                 state_signal(state::enabled);
+                                                             }),
+                                                             alive_token));
+    sync_waiter = waiter;
+    // The controller's events about reservations, advertisers, connections
+    // and the GATT database are subscribed here, into `event_links`, each
+    // with the handler of the objects it serves.
+    if (!address) {
+        send_request(
+            "ifAddrGet", nlohmann::json::object(),
+            [handler = misc::tie_member(&bt_ctrl::iface_addr_get_resp_handler, this, alive_token),
+             waiter](std::shared_ptr<quorl::resp_ctx> const& resp) { handler(resp, waiter); });
+    }
+    // With nothing asked, the sync ends here.
+    waiter.reset();
+}
+
+void bt_ctrl::iface_addr_get_resp_handler(std::shared_ptr<quorl::resp_ctx> const& resp,
+                                          std::shared_ptr<sync_waiter_type> const& waiter) {
+    if (to_error_code(resp)) {
+        waiter->abort();
+        disconnect_from_ctrl();
+        return;
+    }
+    auto const body = stravik_part_payload::from_bytes<nlohmann::json>(resp->payload);
+    address = to_address(body.at("addr").get<nlohmann::json::object_t>());
+}
+
+void bt_ctrl::clear_sync() {
+    if (auto const running = sync_waiter.lock()) {
+        running->abort();
+    }
+    sync_waiter.reset();
+    event_links.clear();
+    address = tavrin::bt_ctrl::address();
+    free_reservation_cnt.clear();
+    reservations.clear();
+    advertiser_max_cnt = 0;
+    adv_by_handle.clear();
+    adv_owned.clear();
+    connection_max_cnt = 0;
+    conn_by_handle.clear();
+    conn_owned.clear();
+}
+
+}  // namespace zelvo::tavrin::impl
