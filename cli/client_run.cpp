@@ -1,0 +1,195 @@
+#include "client_run.hpp"
+
+#include <exception>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <asio.hpp>
+
+#include "embedded_sim.hpp"
+#include "report.hpp"
+#include "tavrin/adapters/asio.hpp"
+#include "tavrin/bt_ctrl.hpp"
+#include "tavrin/version.hpp"
+
+namespace zelvo::tavrin::cli {
+
+namespace {
+
+char const* level_word(bt_ctrl::log_level level) {
+    switch (level) {
+        case bt_ctrl::log_level::error:
+            return "error";
+        case bt_ctrl::log_level::warning:
+            return "warning";
+        case bt_ctrl::log_level::info:
+            return "info";
+        case bt_ctrl::log_level::debug:
+            break;
+    }
+    return "debug";
+}
+
+// One run of the flow. Everything happens on the io_context's thread; the
+// run ends by stopping the io_context with a result.
+class flow {
+public:
+    flow(run_options const& options, std::ostream& out, std::ostream& err)
+        : options(options), out(out), err(err), deadline(io) {}
+
+    int run() {
+        loop = adapters::asio_loop::create(io);
+        endpoint target;
+        if (options.ctrl) {
+            target = *options.ctrl;
+        } else {
+            sim.emplace(loop, endpoint::parse("127.0.0.1:0"), options.sim_config);
+            target = sim->address();
+            say("started a simulated controller at " + target.to_string());
+        }
+        client = create_bt_ctrl(loop, std::nullopt, target.address, target.port);
+        if (options.demo || options.verbose) {
+            logs = client->set_log_handler(
+                [this](bt_ctrl::log_level level, std::string const& line) {
+                    out << "    [" << level_word(level) << "] " << line << '\n';
+                },
+                "");
+        }
+        failures = client->set_exception_handler([this](std::string const& text) { fail(text); });
+        states = client->notify_on_state_change([this](bt_ctrl::state state) { on_state(state); });
+        deadline.expires_after(options.time_limit);
+        deadline.async_wait([this](asio::error_code const& ec) {
+            if (!ec) {
+                fail("no answer within " + std::to_string(options.time_limit.count()) +
+                     " s (waiting for " + waiting_for + ")");
+            }
+        });
+        say("enable(): connecting to the controller at " + target.to_string());
+        waiting_for = "the controller's handshake";
+        enabling = client->enable([this](std::shared_ptr<bt_ctrl::handshake_ctx> const& ctx,
+                                         std::error_code const& ec) { on_handshake(ctx, ec); });
+        try {
+            io.run();
+        } catch (std::exception const& failure) {
+            err << "tavrin: " << failure.what() << '\n';
+            result = 1;
+        }
+        states.release();
+        failures.release();
+        logs.release();
+        client.reset();
+        return result;
+    }
+
+private:
+    void say(std::string const& text) {
+        if (options.demo) {
+            out << "* " << text << '\n';
+        }
+    }
+
+    void finish_run(int code) {
+        result = code;
+        deadline.cancel();
+        io.stop();
+    }
+
+    void fail(std::string const& reason) {
+        err << "tavrin: " << reason << '\n';
+        finish_run(1);
+    }
+
+    void on_handshake(std::shared_ptr<bt_ctrl::handshake_ctx> const& ctx,
+                      std::error_code const& ec) {
+        if (ec) {
+            return fail("handshake failed: " + ec.message());
+        }
+        out << "controller    version " << version_text(ctx->get_app_version()) << ", API "
+            << version_text(ctx->get_api_version()) << '\n';
+        out << "interfaces\n";
+        print_interfaces(out, ctx->get_interfaces());
+        for (auto const& [name, description] : ctx->get_interfaces()) {
+            out << "capabilities of " << name << '\n';
+            print_capabilities(out, description.caps, "  ");
+        }
+        auto const& wanted = options.interface;
+        if (!wanted.empty() && !ctx->get_interfaces().count(wanted)) {
+            return fail("the controller has no interface \"" + wanted + "\"");
+        }
+        say(wanted.empty() ? "finish(\"\"): the controller chooses the interface"
+                           : "finish(\"" + wanted + "\")");
+        waiting_for = "the interface to be bound";
+        ctx->finish(wanted, [this](std::string const& name, std::error_code const& ec2) {
+            if (ec2) {
+                return fail("binding the interface failed: " + ec2.message());
+            }
+            bound = name;
+            out << "bound         " << name << '\n';
+            waiting_for = "state enabled";
+        });
+    }
+
+    void on_state(bt_ctrl::state state) {
+        say("state: " + bt_ctrl::to_string(state));
+        if (state != bt_ctrl::state::enabled) {
+            if (state == bt_ctrl::state::disabled && stopping) {
+                say("stopped cleanly");
+                finish_run(0);
+            }
+            return;
+        }
+        auto const& address = client->get_address();
+        ++enabled_count;
+        if (enabled_count == 1) {
+            out << "address       " << bt_ctrl::to_string(address.type) << " "
+                << address.mac.to_string(':', true) << '\n';
+            out << "state         enabled\n";
+        }
+        if (!options.demo) {
+            return finish_run(0);
+        }
+        if (sim && enabled_count == 1) {
+            // Show that the client follows the controller by itself.
+            say("the controller restarts interface " + bound + " (simulated)");
+            waiting_for = "state enabled after the restart";
+            sim->controller().set_interface_status(bound, bt_ctrl::state::rebooting);
+            sim->controller().set_interface_status(bound, bt_ctrl::state::enabled);
+            return;
+        }
+        say("disable()");
+        stopping = true;
+        client->disable();
+    }
+
+    run_options const& options;
+    std::ostream& out;
+    std::ostream& err;
+    asio::io_context io;
+    asio::steady_timer deadline;
+    std::shared_ptr<adapters::asio_loop> loop;
+    std::optional<embedded_sim> sim;
+    std::shared_ptr<bt_ctrl> client;
+    utils::scoped_link logs;
+    utils::scoped_link failures;
+    utils::scoped_link states;
+    utils::link enabling;
+    std::string waiting_for;
+    std::string bound;
+    unsigned enabled_count = 0;
+    bool stopping = false;
+    int result = 1;
+};
+
+}  // namespace
+
+int run_client(run_options const& options, std::ostream& out, std::ostream& err) {
+    try {
+        return flow(options, out, err).run();
+    } catch (std::exception const& failure) {
+        err << "tavrin: " << failure.what() << '\n';
+        return 1;
+    }
+}
+
+}  // namespace zelvo::tavrin::cli

@@ -1,0 +1,57 @@
+// sim::config: what a simulated controller announces and which interfaces its
+// radio has. A value type; nothing refers back to it once a simulated_radio or
+// a controller has been built from it.
+//
+// The JSON form is documented in docs/simulator.md. Its errors are
+// runtime_errors that name the offending key as a path, e.g.
+// `interfaces[0].caps.maxMtuSize: expected an integer from 0 to 65535`, and,
+// from load(), the file first.
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <vector>
+
+#include "tavrin/bt_ctrl/interface.hpp"
+#include "tavrin/sim/interface_description.hpp"
+
+namespace zelvo::tavrin::sim {
+
+// The versions the controller announces in its handshake, "x.y.z" each.
+struct version_info {
+    std::string version = "1.0.0";      // of the controller software
+    std::string api_version = "1.0.0";  // of the API it speaks
+};
+
+struct config {
+    struct interface {
+        interface_description description;
+        bt_ctrl::state status = bt_ctrl::state::enabled;  // at start
+    };
+
+    version_info versions;
+    // Bound when a client finishes its handshake without naming one.
+    std::string default_interface;
+    std::vector<interface> interfaces;
+
+    // Everything on: every flag, the three PHYs, both address types, an MTU
+    // of 517 and value lengths of 512. Missing caps keys in a JSON config
+    // keep these values.
+    static bt_ctrl::capabilities full_capabilities();
+    // One fully capable interface "hci0", public address, enabled.
+    static config builtin();
+
+    // Reads the JSON form; unknown keys are errors, so that a typo can't
+    // pass as a default. The result has passed check().
+    static config from_json(nlohmann::json const& document);
+    // Reads a file in the JSON form. Errors start with
+    // "simulator config <path>: ".
+    static config load(std::string const& path);
+
+    // Throws runtime_error unless there is at least one interface, names are
+    // non-empty and unique, every address is a valid public or random one,
+    // and default_interface names one of them.
+    void check() const;
+};
+
+}  // namespace zelvo::tavrin::sim

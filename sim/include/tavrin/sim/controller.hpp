@@ -1,0 +1,127 @@
+// sim::controller: the controller's side of the wire protocol, served over
+// accepted connections on the application's event loop.
+//
+// Each accepted connection gets a session of its own: its own bus endpoint
+// and its own handshake state and bound interface. Many sessions run at once.
+// A session ends when its connection reports closed. The controller keeps
+// its sessions and connections; they refer back to it weakly, so either side
+// may go first: connections that outlive the controller are closed by its
+// destructor and serve nothing more, and a controller outlives its
+// connections with nothing left behind. The radio is shared and must only be
+// touched from the loop's thread.
+//
+// Requests are answered as docs/simulator.md describes; a name the
+// controller does not serve is refused with unsupported_functionality.
+//
+// The fault API changes how the controller behaves from the next request,
+// connection or status change on; settings are data so that a control
+// channel can drive them as well.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tavrin/bt_ctrl/interface.hpp"
+#include "tavrin/sim/config.hpp"
+#include "tavrin/sim/ctrl_error.hpp"
+#include "tavrin/sim/radio.hpp"
+#include "tavrin/utils/connection.hpp"
+#include "tavrin/utils/event_loop.hpp"
+
+namespace zelvo::tavrin::sim {
+
+class controller {
+public:
+    using connection_handler = std::function<void(std::shared_ptr<utils::connection> const&)>;
+
+    // How long an injected fault stays: for the next matching request only,
+    // or until cleared.
+    enum class repeat { once, always };
+
+    struct session_info {
+        unsigned id;
+        std::string bound_interface;  // empty until a handshake finishes
+        std::string client_id;        // as the last handshake gave it, or empty
+    };
+
+    struct received_request {
+        unsigned session;
+        std::string name;
+        std::optional<nlohmann::json> body;  // empty when it was not JSON
+    };
+
+    controller(std::shared_ptr<utils::event_loop> loop, std::shared_ptr<sim::radio> radio,
+               version_info versions);
+    // On a simulated_radio made from the config. Throws as config::check().
+    controller(std::shared_ptr<utils::event_loop> loop, config const& settings);
+    controller(controller const&) = delete;
+    controller& operator=(controller const&) = delete;
+    // Closes every connection still served.
+    ~controller();
+
+    // A handler for a listener (test_loop::listen, asio_listener): it serves
+    // each connection it is given. It does nothing once the controller is
+    // gone, so the connection, held by no one, closes.
+    connection_handler accept_handler() const;
+    // Serves one connected connection until it closes. The connection's
+    // receive and state handlers become the controller's.
+    void serve(std::shared_ptr<utils::connection> const& connection);
+
+    sim::radio& radio() const;
+
+    // Introspection, for tests.
+    std::size_t session_count() const;
+    // In order of acceptance.
+    std::vector<session_info> sessions() const;
+    // The requests received since the last clear, in order of arrival, held
+    // and refused ones included; only the latest request_log_limit are kept,
+    // so that a long-running controller does not grow without bound.
+    static constexpr std::size_t request_log_limit = 10000;
+    std::deque<received_request> const& requests() const;
+    void clear_requests();
+
+    // Faults.
+    //
+    // Changes the status in the radio, which reports "ifStatusChanged" to
+    // every session bound to that interface. False for an unknown name.
+    bool set_interface_status(std::string const& name, bt_ctrl::state status);
+    // Closes every connection, or one; each session ends when its
+    // connection reports closed. drop_client is false for an id that is not
+    // a live session.
+    void drop_clients();
+    bool drop_client(unsigned session);
+    // The next `count` connections are closed as soon as they are served,
+    // before a byte is read. Replaces an earlier count.
+    void refuse_connections(unsigned count);
+    // Requests of that name are refused with `code` (the handler does not
+    // run, so the request has no effect). A later call for the same name
+    // replaces the rule.
+    void fail_request(std::string const& name, ctrl_error code, repeat how);
+    // The reply to requests of that name, whatever it would have been, is
+    // replaced by a payload tagged JSON that is not JSON. The handler still
+    // runs.
+    void malform_reply(std::string const& name, repeat how);
+    // Drops every fail_request and malform_reply rule.
+    void clear_failures();
+    // Holds every reply that long before sending it, on a timer of the loop.
+    // Zero sends replies at once. Applies to requests received from now on.
+    void delay_replies(std::chrono::seconds delay);
+    // While on, requests are held unanswered and have no effect, so that the
+    // client's own reply timeout fires. Turning it off, or the end of the
+    // session, drops the held requests: the bus then tells the client they
+    // went unanswered.
+    void stop_answering(bool stop);
+
+private:
+    class core;
+    std::shared_ptr<core> self;
+};
+
+}  // namespace zelvo::tavrin::sim

@@ -1,0 +1,184 @@
+#include "tavrin/sim/config.hpp"
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <stdexcept>
+
+#include "tavrin/utils/mac_address.hpp"
+#include "wire.hpp"
+
+namespace zelvo::tavrin::sim {
+
+namespace {
+
+using nlohmann::json;
+
+char const* const default_vendor = "tavrin";
+char const* const default_part = "virtual LE radio";
+
+// Throws for a key of the object that is not among `known`.
+void refuse_unknown_keys(json const& object, std::string const& path,
+                         std::set<std::string> const& known) {
+    for (auto const& item : object.items()) {
+        if (known.count(item.key()) == 0) {
+            wire::fail(path.empty() ? item.key() : path + "." + item.key(), "unknown key");
+        }
+    }
+}
+
+config::interface read_interface(json const& value, std::string const& path) {
+    if (!value.is_object()) {
+        wire::fail(path, "expected an object");
+    }
+    refuse_unknown_keys(value, path, {"name", "addr", "vendor", "part", "status", "caps"});
+    for (char const* required : {"name", "addr"}) {
+        if (!value.contains(required)) {
+            wire::fail(path + "." + required, "missing");
+        }
+    }
+    config::interface entry;
+    auto& description = entry.description;
+    description.name = wire::read_string(value.at("name"), path + ".name");
+    description.address = wire::read_address(value.at("addr"), path + ".addr");
+    description.vendor = value.contains("vendor")
+                             ? wire::read_string(value.at("vendor"), path + ".vendor")
+                             : default_vendor;
+    description.part =
+        value.contains("part") ? wire::read_string(value.at("part"), path + ".part") : default_part;
+    description.caps = config::full_capabilities();
+    if (value.contains("caps")) {
+        wire::read_caps(value.at("caps"), path + ".caps", description.caps);
+    }
+    if (value.contains("status")) {
+        entry.status = wire::read_status(value.at("status"), path + ".status");
+    }
+    return entry;
+}
+
+}  // namespace
+
+bt_ctrl::capabilities config::full_capabilities() {
+    bt_ctrl::capabilities caps;
+    caps.maxTxPower = 10;
+    caps.maxMtuSize = 517;
+    for (bool* flag : {&caps.adv,
+                       &caps.scan,
+                       &caps.conn,
+                       &caps.gattSrv,
+                       &caps.gattCli,
+                       &caps.connAdv,
+                       &caps.scnAdv,
+                       &caps.extAdv,
+                       &caps.passiveScan,
+                       &caps.periRoleConnPhyChange,
+                       &caps.centRoleConnPhyChange,
+                       &caps.periRoleConnParmsChange,
+                       &caps.centRoleConnParmsChange,
+                       &caps.connLatencyChange,
+                       &caps.connDuplicateMac,
+                       &caps.gattServerDynamicGatt,
+                       &caps.gattServerPolymorphicGatt,
+                       &caps.gattClientCharWriteWithOffset,
+                       &caps.gattClientCharWriteNoResponse,
+                       &caps.gattClientDescWriteWithOffset}) {
+        *flag = true;
+    }
+    for (unsigned short* length :
+         {&caps.gattClientCharValueMaxLen, &caps.gattClientDescValueMaxLen,
+          &caps.gattServerDescValueMaxLen, &caps.gattServerCharValueMaxLen}) {
+        *length = 512;
+    }
+    caps.scanPhys = caps.connPhys =
+        caps.advPhys = {bt_ctrl::phy::m1, bt_ctrl::phy::m2, bt_ctrl::phy::coded};
+    caps.addrTypes = {bt_ctrl::addr_type::public_address, bt_ctrl::addr_type::random_address};
+    return caps;
+}
+
+config config::builtin() {
+    config settings;
+    settings.default_interface = "hci0";
+    // A locally administered MAC: it names no maker.
+    settings.interfaces.push_back(
+        {{"hci0",
+          {bt_ctrl::addr_type::public_address, utils::mac_address("02:54:56:00:00:01")},
+          default_vendor,
+          default_part,
+          full_capabilities()},
+         bt_ctrl::state::enabled});
+    return settings;
+}
+
+config config::from_json(json const& document) {
+    if (!document.is_object()) {
+        wire::fail("(document)", "expected an object");
+    }
+    refuse_unknown_keys(document, "", {"version", "apiVersion", "defaultInterface", "interfaces"});
+    config settings;
+    if (document.contains("version")) {
+        settings.versions.version = wire::read_string(document.at("version"), "version");
+    }
+    if (document.contains("apiVersion")) {
+        settings.versions.api_version = wire::read_string(document.at("apiVersion"), "apiVersion");
+    }
+    if (!document.contains("interfaces") || !document.at("interfaces").is_array()) {
+        wire::fail("interfaces", "expected an array of interfaces");
+    }
+    auto const& interfaces = document.at("interfaces");
+    for (std::size_t i = 0; i < interfaces.size(); ++i) {
+        settings.interfaces.push_back(
+            read_interface(interfaces[i], "interfaces[" + std::to_string(i) + "]"));
+    }
+    if (document.contains("defaultInterface")) {
+        settings.default_interface =
+            wire::read_string(document.at("defaultInterface"), "defaultInterface");
+    } else if (!settings.interfaces.empty()) {
+        settings.default_interface = settings.interfaces.front().description.name;
+    }
+    settings.check();
+    return settings;
+}
+
+config config::load(std::string const& path) {
+    auto const prefix = "simulator config " + path + ": ";
+    std::ifstream file(path);
+    if (!file) {
+        throw std::runtime_error(prefix + "cannot be opened");
+    }
+    json document;
+    try {
+        document = json::parse(file);
+    } catch (json::parse_error const& error) {
+        throw std::runtime_error(prefix + "not valid JSON: " + error.what());
+    }
+    try {
+        return from_json(document);
+    } catch (std::runtime_error const& error) {
+        throw std::runtime_error(prefix + error.what());
+    }
+}
+
+void config::check() const {
+    if (interfaces.empty()) {
+        wire::fail("interfaces", "expected at least one interface");
+    }
+    std::set<std::string> names;
+    for (std::size_t i = 0; i < interfaces.size(); ++i) {
+        auto const& description = interfaces[i].description;
+        auto const path = "interfaces[" + std::to_string(i) + "]";
+        if (description.name.empty()) {
+            wire::fail(path + ".name", "empty");
+        }
+        if (!names.insert(description.name).second) {
+            wire::fail(path + ".name", "a second interface named \"" + description.name + "\"");
+        }
+        if (!description.address || !description.address.is_valid()) {
+            wire::fail(path + ".addr", "not a valid address: " + description.address.to_string());
+        }
+    }
+    if (names.count(default_interface) == 0) {
+        wire::fail("defaultInterface", "no interface named \"" + default_interface + "\"");
+    }
+}
+
+}  // namespace zelvo::tavrin::sim

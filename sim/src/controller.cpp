@@ -1,0 +1,325 @@
+#include "tavrin/sim/controller.hpp"
+
+#include <map>
+#include <utility>
+
+#include "quorl/error.hpp"
+#include "quorl/payload.hpp"
+#include "quorl/server.hpp"
+#include "requests.hpp"
+#include "session.hpp"
+#include "stravik/part_payload.hpp"
+#include "tavrin/sim/simulated_radio.hpp"
+#include "tavrin/utils/link.hpp"
+
+namespace zelvo::tavrin::sim {
+
+namespace {
+
+using nlohmann::json;
+using state = utils::connection::state;
+
+// The bus's limits on one message and on the bytes held for an incomplete
+// one, as the client library sets them.
+constexpr unsigned receive_limit = 524288;
+
+std::optional<json> parse_body(quorl_server::request_ctx const& request) {
+    if (request.format != stravik_part_payload::format::json) {
+        return std::nullopt;
+    }
+    try {
+        return stravik_part_payload::from_bytes<json>(request.payload);
+    } catch (json::exception const&) {
+        return std::nullopt;
+    }
+}
+
+// Faults after which the byte stream can't be trusted: the connection goes.
+bool breaks_stream(quorl_utils::error const& error) {
+    using quorl_utils::local_error;
+    return error == local_error::malformed_frame || error == local_error::message_too_large ||
+           error == local_error::buffer_overflow ||
+           error.type() == typeid(quorl_utils::remote_error);
+}
+
+}  // namespace
+
+// Everything of the controller that callbacks reach, held weakly by them.
+class controller::core : public std::enable_shared_from_this<core> {
+public:
+    core(std::shared_ptr<utils::event_loop> loop, std::shared_ptr<sim::radio> radio,
+         version_info versions)
+        : loop(std::move(loop)), radio(std::move(radio)), versions(std::move(versions)) {}
+
+    void watch_radio() {
+        status_link = radio->on_status_change(
+            [weak = weak_from_this()](std::string const& name, bt_ctrl::state status) {
+                if (auto const self = weak.lock()) {
+                    self->on_status_change(name, status);
+                }
+            });
+    }
+
+    void serve(std::shared_ptr<utils::connection> const& connection) {
+        if (!connection || connection->get_state() == state::closed) {
+            return;
+        }
+        if (refusals > 0) {
+            --refusals;
+            connection->close();
+            return;
+        }
+        auto const id = next_session++;
+        auto const served = std::make_shared<session>(id, loop, connection);
+        std::weak_ptr<core> const weak = weak_from_this();
+        for (auto const& [name, handle] : requests::table()) {
+            served->server.set_request_handler(
+                name, [weak, id, handle = handle](auto const& request, auto const& responder) {
+                    if (auto const self = weak.lock()) {
+                        self->on_request(id, *request, responder, handle);
+                    }
+                });
+        }
+        served->server.set_fallback_handler([weak, id](auto const& request, auto const& responder) {
+            if (auto const self = weak.lock()) {
+                self->on_request(id, *request, responder, nullptr);
+            }
+        });
+        served->server.set_error_handler([weak, id](auto const& fault) {
+            auto const self = weak.lock();
+            if (self && breaks_stream(fault->error)) {
+                self->drop(id);
+            }
+        });
+        std::weak_ptr<session> const weak_session = served;
+        connection->set_receive_handler([weak_session](std::vector<unsigned char> const& bytes) {
+            // The strong copy keeps the server alive through its own dispatch.
+            if (auto const target = weak_session.lock()) {
+                target->server.receive(bytes, false, receive_limit, receive_limit);
+            }
+        });
+        connection->set_state_handler([weak, id](state now) {
+            auto const self = weak.lock();
+            if (self && now == state::closed) {
+                self->end_session(id);
+            }
+        });
+        sessions.emplace(id, served);
+    }
+
+    bool drop(unsigned id) {
+        auto const found = sessions.find(id);
+        if (found == sessions.end()) {
+            return false;
+        }
+        found->second->connection->close();
+        return true;
+    }
+
+    // Called from the connection's own state handler, so the session (with
+    // the connection and its handlers) is destroyed on a later turn.
+    void end_session(unsigned id) {
+        auto const found = sessions.find(id);
+        if (found == sessions.end()) {
+            return;
+        }
+        auto ended = std::move(found->second);
+        sessions.erase(found);
+        ended->end();
+        loop->post([ended] {});
+    }
+
+    void on_request(unsigned id, quorl_server::request_ctx const& request,
+                    quorl_server::responder const& responder, requests::handler handle) {
+        auto const found = sessions.find(id);
+        if (found == sessions.end()) {
+            return;
+        }
+        auto const target = found->second;
+        auto const body = parse_body(request);
+        if (log.size() == request_log_limit) {
+            log.pop_front();
+        }
+        log.push_back({id, request.name, body});
+        if (holding) {
+            return target->hold(responder);
+        }
+        session::answer reply = ctrl_error::unsupported_functionality;
+        if (auto const code = take_failure(request.name)) {
+            reply = *code;
+        } else if (handle) {
+            auto const result = handle(body, {*radio, versions, target->handshake});
+            if (auto const* code = std::get_if<ctrl_error>(&result)) {
+                reply = *code;
+            } else {
+                reply = quorl_utils::payload(std::get<json>(result));
+            }
+        }
+        if (take_malformation(request.name)) {
+            static std::string const broken = "{\"truncated";
+            reply = quorl_utils::payload(std::vector<unsigned char>(broken.begin(), broken.end()),
+                                         stravik_part_payload::format::json);
+        }
+        target->answer_after(responder, reply, reply_delay);
+    }
+
+    void on_status_change(std::string const& name, bt_ctrl::state status) {
+        quorl_utils::payload const event(json{{"status", bt_ctrl::to_string(status)}});
+        auto const snapshot = sessions;
+        for (auto const& [id, target] : snapshot) {
+            auto const& handshake = target->handshake;
+            if (handshake.stage == requests::handshake_state::phase::bound &&
+                handshake.bound_interface == name) {
+                target->server.send_event("ifStatusChanged", event);
+            }
+        }
+    }
+
+    std::optional<ctrl_error> take_failure(std::string const& name) {
+        auto const found = failures.find(name);
+        if (found == failures.end()) {
+            return std::nullopt;
+        }
+        auto const code = found->second.first;
+        if (found->second.second == repeat::once) {
+            failures.erase(found);
+        }
+        return code;
+    }
+
+    bool take_malformation(std::string const& name) {
+        auto const found = malformations.find(name);
+        if (found == malformations.end()) {
+            return false;
+        }
+        if (found->second == repeat::once) {
+            malformations.erase(found);
+        }
+        return true;
+    }
+
+    // Closes every connection and ends every session at once.
+    void shut_down() {
+        status_link.release();
+        auto ended = std::move(sessions);
+        sessions.clear();
+        for (auto& [id, target] : ended) {
+            target->connection->close();
+            target->end();
+        }
+    }
+
+    std::shared_ptr<utils::event_loop> const loop;
+    std::shared_ptr<sim::radio> const radio;
+    version_info const versions;
+    utils::link status_link;
+    std::map<unsigned, std::shared_ptr<session>> sessions;
+    unsigned next_session = 1;
+    std::deque<received_request> log;
+
+    unsigned refusals = 0;
+    std::map<std::string, std::pair<ctrl_error, repeat>> failures;
+    std::map<std::string, repeat> malformations;
+    std::chrono::seconds reply_delay{0};
+    bool holding = false;
+};
+
+controller::controller(std::shared_ptr<utils::event_loop> loop, std::shared_ptr<sim::radio> radio,
+                       version_info versions)
+    : self(std::make_shared<core>(std::move(loop), std::move(radio), std::move(versions))) {
+    self->watch_radio();
+}
+
+controller::controller(std::shared_ptr<utils::event_loop> loop, config const& settings)
+    : controller(std::move(loop), std::make_shared<simulated_radio>(settings), settings.versions) {}
+
+controller::~controller() {
+    self->shut_down();
+}
+
+controller::connection_handler controller::accept_handler() const {
+    return [weak = std::weak_ptr<core>(self)](std::shared_ptr<utils::connection> const& accepted) {
+        if (auto const target = weak.lock()) {
+            target->serve(accepted);
+        }
+    };
+}
+
+void controller::serve(std::shared_ptr<utils::connection> const& connection) {
+    self->serve(connection);
+}
+
+sim::radio& controller::radio() const {
+    return *self->radio;
+}
+
+std::size_t controller::session_count() const {
+    return self->sessions.size();
+}
+
+std::vector<controller::session_info> controller::sessions() const {
+    std::vector<session_info> all;
+    for (auto const& [id, target] : self->sessions) {
+        bool const bound = target->handshake.stage == requests::handshake_state::phase::bound;
+        all.push_back(
+            {id, bound ? target->handshake.bound_interface : "", target->handshake.client_id});
+    }
+    return all;
+}
+
+std::deque<controller::received_request> const& controller::requests() const {
+    return self->log;
+}
+
+void controller::clear_requests() {
+    self->log.clear();
+}
+
+bool controller::set_interface_status(std::string const& name, bt_ctrl::state status) {
+    // A local reference: an observer may destroy this controller, and with
+    // it the last other reference to the radio, inside the call.
+    auto const radio = self->radio;
+    return radio->set_status(name, status);
+}
+
+void controller::drop_clients() {
+    for (auto const& entry : self->sessions) {
+        entry.second->connection->close();
+    }
+}
+
+bool controller::drop_client(unsigned session) {
+    return self->drop(session);
+}
+
+void controller::refuse_connections(unsigned count) {
+    self->refusals = count;
+}
+
+void controller::fail_request(std::string const& name, ctrl_error code, repeat how) {
+    self->failures[name] = {code, how};
+}
+
+void controller::malform_reply(std::string const& name, repeat how) {
+    self->malformations[name] = how;
+}
+
+void controller::clear_failures() {
+    self->failures.clear();
+    self->malformations.clear();
+}
+
+void controller::delay_replies(std::chrono::seconds delay) {
+    self->reply_delay = delay;
+}
+
+void controller::stop_answering(bool stop) {
+    self->holding = stop;
+    if (!stop) {
+        for (auto const& entry : self->sessions) {
+            entry.second->release_held();
+        }
+    }
+}
+
+}  // namespace zelvo::tavrin::sim

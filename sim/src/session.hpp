@@ -1,0 +1,69 @@
+// sim::session: one served connection: its bus endpoint, its handshake state
+// and the replies it holds back (delayed or held unanswered).
+//
+// The controller owns sessions by shared_ptr; the connection's handlers and
+// the delay timers refer to a session weakly, so none of them keeps it alive.
+// The session owns its connection, its timers and the responders it holds.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <variant>
+#include <vector>
+
+#include "quorl/payload.hpp"
+#include "quorl/server.hpp"
+#include "requests.hpp"
+#include "tavrin/sim/ctrl_error.hpp"
+#include "tavrin/utils/connection.hpp"
+#include "tavrin/utils/event_loop.hpp"
+#include "tavrin/utils/timer.hpp"
+
+namespace zelvo::tavrin::sim {
+
+class session : public std::enable_shared_from_this<session> {
+public:
+    // A reply's body, or the code the request is refused with.
+    using answer = std::variant<quorl_utils::payload, ctrl_error>;
+
+    // The server writes to the connection; the caller feeds it what the
+    // connection receives.
+    session(unsigned id, std::shared_ptr<utils::event_loop> loop,
+            std::shared_ptr<utils::connection> connection);
+    session(session const&) = delete;
+    session& operator=(session const&) = delete;
+    ~session();
+
+    // Sends the answer now, or after `delay` unless the session ends first.
+    void answer_after(quorl_server::responder const& responder, answer const& reply,
+                      std::chrono::seconds delay);
+    // Keeps the responder unanswered until release_held() or end().
+    void hold(quorl_server::responder const& responder);
+    // Drops the held responders: the bus tells the client they went
+    // unanswered.
+    void release_held();
+    // Stops the delayed replies and drops everything held. Idempotent.
+    void end();
+
+    unsigned const id;
+    std::shared_ptr<utils::connection> const connection;
+    quorl_server server;
+    requests::handshake_state handshake;
+
+private:
+    struct delayed_reply {
+        std::shared_ptr<utils::timer> timer;
+        quorl_server::responder responder;
+        answer reply;
+    };
+
+    static void send(quorl_server::responder const& responder, answer const& reply);
+
+    std::shared_ptr<utils::event_loop> loop;
+    std::vector<quorl_server::responder> held;
+    std::map<unsigned, delayed_reply> delayed;
+    unsigned next_delayed = 0;
+};
+
+}  // namespace zelvo::tavrin::sim

@@ -1,0 +1,109 @@
+// A raw bus client of the simulator over the test loop's in-memory network,
+// and a fixture with a controller listening there. Outcomes are text, so that
+// tests compare whole exchanges: the reply's JSON text, "app N" for a
+// controller code, "exchange N" for a fault of the exchange, "not json" for
+// a reply tagged JSON that does not parse.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "quorl/quorl.hpp"
+#include "stravik/part_payload.hpp"
+#include "tavrin/adapters/test_loop.hpp"
+#include "tavrin/sim/config.hpp"
+#include "tavrin/sim/controller.hpp"
+
+namespace zelvo::tavrin::sim::testing {
+
+using json = nlohmann::json;
+using strings = std::vector<std::string>;
+using namespace std::chrono_literals;
+
+inline std::string outcome(quorl::resp_ctx const& reply) {
+    if (reply.first_error) {
+        return "exchange " + std::to_string(reply.first_error.code());
+    }
+    if (reply.second_error) {
+        return "app " + std::to_string(reply.second_error.code());
+    }
+    try {
+        return stravik_part_payload::from_bytes<json>(reply.payload).dump();
+    } catch (json::exception const&) {
+        return "not json";
+    }
+}
+
+class client {
+public:
+    client(std::shared_ptr<adapters::test_loop> const& loop, unsigned short port) : loop(loop) {
+        link->set_receive_handler([this](std::vector<unsigned char> const& bytes) {
+            bus.receive(bytes, false, 524288, 524288);
+        });
+        link->set_state_handler(
+            [this](auto now) { closed = now == utils::connection::state::closed; });
+        bus.set_event_handler("ifStatusChanged", [this](auto const& event) {
+            events.push_back(stravik_part_payload::from_bytes<json>(event->payload).dump());
+        });
+        link->connect(utils::ip_address("127.0.0.1"), port);
+        loop->run();
+    }
+
+    // Sends without turning the loop; the outcome lands in `replies`.
+    void send(std::string const& name, quorl_utils::payload const& body,
+              std::chrono::seconds timeout = 0s) {
+        bus.send(
+            {name, body}, [this](auto const& reply) { replies.push_back(outcome(*reply)); }, true,
+            timeout);
+    }
+    // Sends, runs the loop dry and returns the outcome.
+    std::string ask(std::string const& name, json const& body = json::object()) {
+        return ask_payload(name, quorl_utils::payload(body));
+    }
+    std::string ask_payload(std::string const& name, quorl_utils::payload const& body) {
+        replies.clear();
+        send(name, body);
+        loop->run();
+        return replies.empty() ? "no reply" : replies.front();
+    }
+    // Handshake on the named interface, or on the default one for "".
+    std::string bind(std::string const& name = "") {
+        ask("hdshkStart");
+        return ask("hdshkFinish", name.empty() ? json() : json{{"if", name}});
+    }
+
+    std::shared_ptr<adapters::test_loop> loop;
+    std::shared_ptr<utils::tcp_connection> link = loop->create_tcp_connection();
+    quorl bus{loop, [this](std::vector<unsigned char> const& bytes) { return link->send(bytes); }};
+    strings replies, events;
+    bool closed = false;
+};
+
+// The built-in config plus a second interface, "hci1", with a random address.
+inline config two_interfaces() {
+    auto settings = config::builtin();
+    auto second = settings.interfaces.front();
+    second.description.name = "hci1";
+    second.description.address = {bt_ctrl::addr_type::random_address,
+                                  utils::mac_address("C2:54:56:00:00:02")};
+    settings.interfaces.push_back(second);
+    return settings;
+}
+
+class SimTest : public ::testing::Test {
+protected:
+    std::unique_ptr<client> connect() { return std::make_unique<client>(loop, port); }
+
+    static constexpr unsigned short port = 7100;
+    std::shared_ptr<adapters::test_loop> loop = adapters::test_loop::create();
+    std::unique_ptr<controller> ctl = std::make_unique<controller>(loop, two_interfaces());
+    utils::link listening =
+        loop->listen(utils::ip_address("127.0.0.1"), port, ctl->accept_handler());
+};
+
+}  // namespace zelvo::tavrin::sim::testing
