@@ -59,11 +59,15 @@ public:
         failures = client->set_exception_handler([this](std::string const& text) { fail(text); });
         states = client->notify_on_state_change([this](bt_ctrl::state state) { on_state(state); });
         deadline.expires_after(options.time_limit);
-        deadline.async_wait([this](asio::error_code const& ec) {
-            if (!ec) {
-                fail("no answer within " + std::to_string(options.time_limit.count()) +
-                     " s (waiting for " + waiting_for + ")");
+        deadline.async_wait([this, target](asio::error_code const& ec) {
+            if (ec) {
+                return;
             }
+            auto const limit = std::to_string(options.time_limit.count()) + " s";
+            if (!greeted) {
+                return fail("no controller answered at " + target.to_string() + " within " + limit);
+            }
+            fail("no answer within " + limit + " (waiting for " + waiting_for + ")");
         });
         say("enable(): connecting to the controller at " + target.to_string());
         waiting_for = "the controller's handshake";
@@ -75,6 +79,9 @@ public:
             err << "tavrin: " << failure.what() << '\n';
             result = 1;
         }
+        // Whatever is still pending hears of the client's end; nobody listens.
+        finished = true;
+        enabling.release();
         states.release();
         failures.release();
         logs.release();
@@ -90,12 +97,19 @@ private:
     }
 
     void finish_run(int code) {
+        if (finished) {
+            return;
+        }
+        finished = true;
         result = code;
         deadline.cancel();
         io.stop();
     }
 
     void fail(std::string const& reason) {
+        if (finished) {
+            return;
+        }
         err << "tavrin: " << reason << '\n';
         finish_run(1);
     }
@@ -105,6 +119,7 @@ private:
         if (ec) {
             return fail("handshake failed: " + ec.message());
         }
+        greeted = true;
         out << "controller    version " << version_text(ctx->get_app_version()) << ", API "
             << version_text(ctx->get_api_version()) << '\n';
         out << "interfaces\n";
@@ -132,11 +147,15 @@ private:
 
     void on_state(bt_ctrl::state state) {
         say("state: " + bt_ctrl::to_string(state));
-        if (state != bt_ctrl::state::enabled) {
-            if (state == bt_ctrl::state::disabled && stopping) {
+        if (state == bt_ctrl::state::disabled) {
+            if (stopping) {
                 say("stopped cleanly");
-                finish_run(0);
+                return finish_run(0);
             }
+            // Only the controller turns the client off without being asked.
+            return fail("the controller reports interface \"" + bound + "\" as disabled");
+        }
+        if (state != bt_ctrl::state::enabled) {
             return;
         }
         auto const& address = client->get_address();
@@ -178,6 +197,8 @@ private:
     std::string bound;
     unsigned enabled_count = 0;
     bool stopping = false;
+    bool greeted = false;
+    bool finished = false;
     int result = 1;
 };
 

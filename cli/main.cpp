@@ -27,15 +27,18 @@ std::string check_endpoint(std::string const& text) {
 
 void add_client_options(CLI::App& command, std::optional<std::string>& ctrl,
                         std::optional<std::string>& config, cli::run_options& options) {
-    command
-        .add_option("--ctrl", ctrl,
-                    "Controller ADDR:PORT (default: a simulated one in this process)")
-        ->check(check_endpoint);
+    auto* const ctrl_option =
+        command
+            .add_option("--ctrl", ctrl,
+                        "Controller ADDR:PORT (default: a simulated one in this process)")
+            ->check(check_endpoint);
     command.add_option("--config", config, "Simulator configuration file (without --ctrl)")
-        ->check(CLI::ExistingFile);
+        ->check(CLI::ExistingFile)
+        ->excludes(ctrl_option);
     command.add_option("--interface", options.interface,
                        "Interface to bind (default: the controller's choice)");
     command.add_option("--time-limit", options.time_limit, "Give up after this many seconds")
+        ->check(CLI::Range(1, 3600))
         ->capture_default_str();
     command.add_flag("--verbose", options.verbose, "Show the library's log lines");
 }

@@ -20,6 +20,8 @@ int run_sim(endpoint const& listen, std::optional<std::string> const& config_fil
                 std::rethrow_exception(failure);
             } catch (std::exception const& e) {
                 err << "tavrin sim: " << e.what() << '\n';
+            } catch (...) {
+                err << "tavrin sim: unknown failure\n";
             }
         });
         embedded_sim sim(loop, listen, config_file);

@@ -109,6 +109,31 @@ config config::builtin() {
     return settings;
 }
 
+namespace {
+
+// Clients read a version as three dot-separated decimal numbers.
+std::string read_version(json const& value, std::string const& path) {
+    auto const text = wire::read_string(value, path);
+    std::size_t numbers = 0;
+    bool digits = false;
+    for (auto const c : text) {
+        if (c >= '0' && c <= '9') {
+            digits = true;
+        } else if (c == '.' && digits) {
+            ++numbers;
+            digits = false;
+        } else {
+            wire::fail(path, "expected \"x.y.z\"");
+        }
+    }
+    if (!digits || numbers != 2) {
+        wire::fail(path, "expected \"x.y.z\"");
+    }
+    return text;
+}
+
+}  // namespace
+
 config config::from_json(json const& document) {
     if (!document.is_object()) {
         wire::fail("(document)", "expected an object");
@@ -116,10 +141,10 @@ config config::from_json(json const& document) {
     refuse_unknown_keys(document, "", {"version", "apiVersion", "defaultInterface", "interfaces"});
     config settings;
     if (document.contains("version")) {
-        settings.versions.version = wire::read_string(document.at("version"), "version");
+        settings.versions.version = read_version(document.at("version"), "version");
     }
     if (document.contains("apiVersion")) {
-        settings.versions.api_version = wire::read_string(document.at("apiVersion"), "apiVersion");
+        settings.versions.api_version = read_version(document.at("apiVersion"), "apiVersion");
     }
     if (!document.contains("interfaces") || !document.at("interfaces").is_array()) {
         wire::fail("interfaces", "expected an array of interfaces");
@@ -148,12 +173,12 @@ config config::load(std::string const& path) {
     json document;
     try {
         document = json::parse(file);
-    } catch (json::parse_error const& error) {
+    } catch (json::exception const& error) {
         throw std::runtime_error(prefix + "not valid JSON: " + error.what());
     }
     try {
         return from_json(document);
-    } catch (std::runtime_error const& error) {
+    } catch (std::exception const& error) {
         throw std::runtime_error(prefix + error.what());
     }
 }

@@ -61,8 +61,15 @@ public:
     }
 
     void serve(std::shared_ptr<utils::connection> const& connection) {
-        if (!connection || connection->get_state() == state::closed) {
+        // Only a live connection that no session serves yet: a second session
+        // would take the first one's handlers and leave it bound forever.
+        if (!connection || connection->get_state() != state::connected) {
             return;
+        }
+        for (auto const& [id, served] : sessions) {
+            if (served->connection == connection) {
+                return;
+            }
         }
         if (refusals > 0) {
             --refusals;
@@ -170,7 +177,7 @@ public:
             auto const& handshake = target->handshake;
             if (handshake.stage == requests::handshake_state::phase::bound &&
                 handshake.bound_interface == name) {
-                target->server.send_event("ifStatusChanged", event);
+                target->send_event("ifStatusChanged", event);
             }
         }
     }
@@ -297,6 +304,11 @@ void controller::refuse_connections(unsigned count) {
 }
 
 void controller::fail_request(std::string const& name, ctrl_error code, repeat how) {
+    auto const number = static_cast<int>(code);
+    if (number < 2 || number > 46) {
+        throw std::invalid_argument("a controller sends codes 2 to 46, not " +
+                                    std::to_string(number));
+    }
     self->failures[name] = {code, how};
 }
 

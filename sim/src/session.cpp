@@ -22,28 +22,41 @@ session::~session() {
 
 void session::answer_after(quorl_server::responder const& responder, answer const& reply,
                            std::chrono::seconds delay) {
-    if (delay <= std::chrono::seconds(0)) {
-        return send(responder, reply);
+    outgoing message{next_key++, true, nullptr, responder, reply, {}};
+    if (delay > std::chrono::seconds(0)) {
+        message.due = false;
+        message.timer = loop->create_timer();
+        message.timer->set_handler([weak = weak_from_this(), key = message.key] {
+            auto const self = weak.lock();
+            if (!self) {
+                return;
+            }
+            for (auto& waiting : self->outbox) {
+                if (waiting.key == key) {
+                    waiting.due = true;
+                }
+            }
+            self->flush();
+        });
+        message.timer->start(delay);
     }
-    auto const key = next_delayed++;
-    auto timer = loop->create_timer();
-    timer->set_handler([weak = weak_from_this(), key] {
-        auto const self = weak.lock();
-        if (!self) {
-            return;
-        }
-        auto const found = self->delayed.find(key);
-        if (found == self->delayed.end()) {
-            return;
-        }
-        // Moved out before the erase: the timer running this handler stays
-        // alive until the handler returns.
-        auto const due = std::move(found->second);
-        self->delayed.erase(found);
-        send(due.responder, due.reply);
-    });
-    timer->start(delay);
-    delayed.emplace(key, delayed_reply{std::move(timer), responder, reply});
+    outbox.push_back(std::move(message));
+    flush();
+}
+
+void session::send_event(std::string const& name, quorl_utils::payload const& payload) {
+    outbox.push_back(outgoing{next_key++, true, nullptr, std::nullopt, payload, name});
+    flush();
+}
+
+void session::flush() {
+    // Sending may re-enter the session (a writer that fails closes the
+    // connection), so each message leaves the outbox before it is sent.
+    while (!outbox.empty() && outbox.front().due) {
+        auto const message = std::move(outbox.front());
+        outbox.pop_front();
+        send(message);
+    }
 }
 
 void session::hold(quorl_server::responder const& responder) {
@@ -58,19 +71,23 @@ void session::release_held() {
 }
 
 void session::end() {
-    for (auto& entry : delayed) {
-        entry.second.timer->stop();
+    for (auto& waiting : outbox) {
+        if (waiting.timer) {
+            waiting.timer->stop();
+        }
     }
-    std::map<unsigned, delayed_reply> stopped;
-    stopped.swap(delayed);
+    std::deque<outgoing> stopped;
+    stopped.swap(outbox);
     release_held();
 }
 
-void session::send(quorl_server::responder const& responder, answer const& reply) {
-    if (auto const* code = std::get_if<ctrl_error>(&reply)) {
-        responder.fail(static_cast<int>(*code));
+void session::send(outgoing const& message) {
+    if (!message.responder) {
+        server.send_event(message.event_name, std::get<quorl_utils::payload>(message.reply));
+    } else if (auto const* code = std::get_if<ctrl_error>(&message.reply)) {
+        message.responder->fail(static_cast<int>(*code));
     } else {
-        responder.reply(std::get<quorl_utils::payload>(reply));
+        message.responder->reply(std::get<quorl_utils::payload>(message.reply));
     }
 }
 

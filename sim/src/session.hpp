@@ -1,14 +1,19 @@
 // sim::session: one served connection: its bus endpoint, its handshake state
 // and the replies it holds back (delayed or held unanswered).
 //
+// What the session sends leaves in the order it was made, as on one stream:
+// a delayed reply holds back every reply and event made after it.
+//
 // The controller owns sessions by shared_ptr; the connection's handlers and
 // the delay timers refer to a session weakly, so none of them keeps it alive.
 // The session owns its connection, its timers and the responders it holds.
 #pragma once
 
 #include <chrono>
-#include <map>
+#include <deque>
 #include <memory>
+#include <optional>
+#include <string>
 #include <variant>
 #include <vector>
 
@@ -38,6 +43,8 @@ public:
     // Sends the answer now, or after `delay` unless the session ends first.
     void answer_after(quorl_server::responder const& responder, answer const& reply,
                       std::chrono::seconds delay);
+    // Sends the event now, or after the delayed replies made before it.
+    void send_event(std::string const& name, quorl_utils::payload const& payload);
     // Keeps the responder unanswered until release_held() or end().
     void hold(quorl_server::responder const& responder);
     // Drops the held responders: the bus tells the client they went
@@ -52,18 +59,24 @@ public:
     requests::handshake_state handshake;
 
 private:
-    struct delayed_reply {
+    // A reply (with its responder) or an event, waiting for its turn.
+    struct outgoing {
+        unsigned key = 0;
+        bool due = true;
         std::shared_ptr<utils::timer> timer;
-        quorl_server::responder responder;
+        std::optional<quorl_server::responder> responder;
         answer reply;
+        std::string event_name;
     };
 
-    static void send(quorl_server::responder const& responder, answer const& reply);
+    // Sends the due messages at the head of the outbox, in order.
+    void flush();
+    void send(outgoing const& message);
 
     std::shared_ptr<utils::event_loop> loop;
     std::vector<quorl_server::responder> held;
-    std::map<unsigned, delayed_reply> delayed;
-    unsigned next_delayed = 0;
+    std::deque<outgoing> outbox;
+    unsigned next_key = 0;
 };
 
 }  // namespace zelvo::tavrin::sim

@@ -76,6 +76,19 @@ TEST_F(SimTest, DelayedRepliesComeAfterTheDelayInOrder) {
     loop->advance(1ms);
     EXPECT_EQ(c->replies, (strings{R"({"if":"hci0"})", R"({"status":"enabled"})"}));
 
+    // An event made after a delayed reply waits behind it, as on one stream:
+    // a client must never see a stale status after a newer event.
+    c->replies.clear();
+    c->send("ifStatusGet", quorl_utils::payload(json::object()));
+    loop->run();
+    ctl->set_interface_status("hci0", bt_ctrl::state::disabled);
+    loop->run();
+    EXPECT_TRUE(c->events.empty());
+    loop->advance(5s);
+    EXPECT_EQ(c->replies, strings{R"({"status":"enabled"})"});
+    EXPECT_EQ(c->events, strings{R"({"status":"disabled"})"});
+    ctl->set_interface_status("hci0", bt_ctrl::state::enabled);
+
     ctl->delay_replies(0s);
     EXPECT_EQ(c->ask("ifStatusGet"), R"({"status":"enabled"})");
     // A delayed reply dies with its session, timer and all.

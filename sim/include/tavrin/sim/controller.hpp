@@ -102,7 +102,8 @@ public:
     void refuse_connections(unsigned count);
     // Requests of that name are refused with `code` (the handler does not
     // run, so the request has no effect). A later call for the same name
-    // replaces the rule.
+    // replaces the rule. Throws invalid_argument for a code that a
+    // controller never sends (outside 2 to 46).
     void fail_request(std::string const& name, ctrl_error code, repeat how);
     // The reply to requests of that name, whatever it would have been, is
     // replaced by a payload tagged JSON that is not JSON. The handler still
@@ -112,11 +113,13 @@ public:
     void clear_failures();
     // Holds every reply that long before sending it, on a timer of the loop.
     // Zero sends replies at once. Applies to requests received from now on.
+    // Events, and replies made later, wait behind a delayed reply, as they
+    // would on one stream.
     void delay_replies(std::chrono::seconds delay);
     // While on, requests are held unanswered and have no effect, so that the
-    // client's own reply timeout fires. Turning it off, or the end of the
-    // session, drops the held requests: the bus then tells the client they
-    // went unanswered.
+    // client's own reply timeout fires. Turning it off drops the held
+    // requests, and the bus tells the client they went unanswered; at the
+    // end of a session they are dropped with the connection.
     void stop_answering(bool stop);
 
 private:
