@@ -115,7 +115,13 @@ void bt_ctrl::ctrl_conn_state_change_handler(utils::connection::state conn_state
     if (!word) {
         return;
     }
+    // The log handler and the state handlers may drop the last reference to
+    // the client: nothing of it is touched once it has gone.
+    std::weak_ptr<void> const alive = alive_token;
     log_debug() << "Connection [" << ctrl_conn->get_name() << "] change state to " << word;
+    if (alive.expired()) {
+        return;
+    }
     if (conn_state == utils::connection::state::closed) {
         on_disconnected_from_ctrl();
     } else if (conn_state == utils::connection::state::connected) {
@@ -145,7 +151,11 @@ void bt_ctrl::on_connected_to_ctrl() {
 void bt_ctrl::on_disconnected_from_ctrl() {
     bus.reset();
     reconnect_later_to_ctrl(update_reconn_interval_to_ctrl());
+    std::weak_ptr<void> const alive = alive_token;
     on_state_change(reconn_token ? state::rebooting : state::disabled);
+    if (alive.expired()) {
+        return;
+    }
     if (!reconn_token) {
         on_connect_to_ctrl(make_error_code(error::bt_ctrl::operation_aborted), true);
     } else if (!connect_handler) {
@@ -172,7 +182,11 @@ void bt_ctrl::default_connect_handler(std::error_code const& ec) {
 
 void bt_ctrl::bus_error_handler(std::shared_ptr<quorl::error_ctx> const& ctx) {
     auto const& failure = ctx->error;
+    std::weak_ptr<void> const alive = alive_token;
     log_warning() << "QUORLv4 error: " << failure.code() << " " << failure.text();
+    if (alive.expired()) {
+        return;
+    }
     if (failure == quorl::local_error::malformed_frame ||
         failure == quorl::local_error::message_too_large ||
         failure == quorl::local_error::buffer_overflow ||
@@ -186,9 +200,12 @@ bool bt_ctrl::reply_check_handler(std::shared_ptr<quorl::reply_ctx> const& ctx) 
     if (!failure || failure == quorl::exchange_error::aborted) {
         return true;
     }
+    std::weak_ptr<void> const alive = alive_token;
     log_warning() << "Got bad QUORL reply [" << ctx->request_name << "]: " << failure.code() << " "
                   << failure.text();
-    reconnect_later_to_ctrl(std::nullopt);
+    if (!alive.expired()) {
+        reconnect_later_to_ctrl(std::nullopt);
+    }
     return true;
 }
 
