@@ -65,9 +65,10 @@ bt_ctrl::log::~log() {
     if (line.empty()) {
         return;
     }
-    // A copy, as for exceptions: the handler may release itself.
-    auto const handler = ctrl.log_handler;
-    (*handler)(level, ctrl.log_prefix + line);
+    // A copy of the function, as for exceptions: the handler may release
+    // its link (which must then find no other owner) or destroy the client.
+    auto const handler = *ctrl.log_handler;
+    handler(level, ctrl.log_prefix + line);
 }
 
 }  // namespace zelvo::tavrin::impl

@@ -226,7 +226,7 @@ bool bt_ctrl::handshake_ctx::active() const {
 
 utils::link bt_ctrl::handshake_ctx::finish(std::string const& interface_name,
                                            finish_handler const& handler) {
-    auto [linked, link] = misc::link_handler(handler, true);
+    auto [linked, link] = misc::link_handler(handler, false);
     if (!active()) {
         event_loop->post([linked = linked] {
             linked("", make_error_code(error::bt_ctrl::inappropriate_state));

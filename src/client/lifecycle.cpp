@@ -45,9 +45,9 @@ bt_ctrl::~bt_ctrl() {
     disable();
     // The connection outlives nothing of ours: it may still hold the state
     // handler, which refers to this object.
-    ctrl_conn->set_state_handler(nullptr);
-    ctrl_conn->set_receive_handler(nullptr);
-    reconn_timer->set_handler(nullptr);
+    ctrl_conn->set_state_handler([](utils::connection::state) {});
+    ctrl_conn->set_receive_handler([](std::vector<unsigned char> const&) {});
+    reconn_timer->set_handler([] {});
 }
 
 utils::link bt_ctrl::enable(enable_handler const& handler) {
@@ -55,7 +55,7 @@ utils::link bt_ctrl::enable(enable_handler const& handler) {
     if (current_state == state::disabled) {
         return enable_impl(wrapped);
     }
-    auto [linked, link] = misc::link_handler(wrapped, true);
+    auto [linked, link] = misc::link_handler(wrapped, false);
     event_loop->post([linked = linked] {
         linked(nullptr, make_error_code(error::bt_ctrl::inappropriate_state));
     });
@@ -64,7 +64,7 @@ utils::link bt_ctrl::enable(enable_handler const& handler) {
 
 utils::link bt_ctrl::enable_impl(enable_handler const& handler) {
     keep_connected = true;
-    auto [linked, link] = misc::link_handler(handler, true);
+    auto [linked, link] = misc::link_handler(handler, false);
     // An abort may be posted and run after the client has gone; only the
     // handshake needs the client.
     connect_to_ctrl([this, linked = linked, alive = get_alive_token()](std::error_code const& ec) {
@@ -80,7 +80,7 @@ utils::link bt_ctrl::enable_impl(enable_handler const& handler) {
 
 utils::link bt_ctrl::reset(result_handler const& handler) {
     post_bus_release();
-    auto [linked, link] = misc::link_handler(handler, true);
+    auto [linked, link] = misc::link_handler(handler, false);
     auto const wrapped = make_exception_wrapper(linked, "Failed response handler on reset");
     enable_impl([this, wrapped, linked = linked](
                     std::shared_ptr<tavrin::bt_ctrl::handshake_ctx> const& context,

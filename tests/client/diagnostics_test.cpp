@@ -58,22 +58,75 @@ TEST_F(ClientTest, TheConnectionAndItsLossAreLoggedWithTheHandlersName) {
     EXPECT_EQ(lines.size(), all.size());
 }
 
-TEST_F(ClientTest, GarbageFromTheControllerIsLoggedAndTheLinkRebuilt) {
-    raw_controller raw(loop, host, port, [](quorl_server&, utils::connection& end) {
-        end.send(std::vector<unsigned char>(24, 'x'));
-    });
-    make_client();
-    outcome enabled;
-    enable(enabled);
-    loop->run();
-    EXPECT_EQ(texts("QUORLv4"), strings{"tavrin: QUORLv4 error: 0 malformed frame"});
-    for (auto const& entry : lines) {
-        EXPECT_EQ(entry.level,
-                  entry.text.find("QUORLv4") == std::string::npos ? level::debug : level::warning);
+// A frame header as the bus writes it: kind, name length, status code,
+// payload length.
+std::vector<unsigned char> frame_header(unsigned char kind, unsigned char name_length, int status,
+                                        unsigned length) {
+    unsigned char const format = length ? 2 : 0;  // JSON, or none for no payload
+    std::vector<unsigned char> bytes{0x51, 0x04, kind, format, 0, 0, 0, 0, 0, 0, 0, name_length};
+    for (auto const value : {static_cast<unsigned>(status), length}) {
+        for (int shift = 24; shift >= 0; shift -= 8) {
+            bytes.push_back(static_cast<unsigned char>(value >> shift));
+        }
     }
-    EXPECT_EQ(texts("change state to closed").size(), 1u);
-    loop->advance(3s);
-    EXPECT_EQ(connect_times(), (std::vector<long>{0, 3000}));
+    return bytes;
+}
+
+// Faults that leave the bus unable to go on reading are logged and rebuild
+// the link; the back-off starts again from 3 s.
+TEST_F(ClientTest, BrokenStreamsAreLoggedAndTheLinkRebuilt) {
+    struct row {
+        std::vector<unsigned char> bytes;
+        std::string logged;
+    } const rows[] = {
+        {std::vector<unsigned char>(24, 'x'), "tavrin: QUORLv4 error: 0 malformed frame"},
+        {frame_header(3, 1, 0, 0x80001), "tavrin: QUORLv4 error: 1 "},  // over the message limit
+        {frame_header(4, 0, 2, 0), "tavrin: QUORLv4 error: 2 "},        // the peer gave up on us
+    };
+    for (auto const& r : rows) {
+        SCOPED_TRACE(r.logged);
+        lines.clear();
+        raw_controller raw(loop, host, port,
+                           [&](quorl_server&, utils::connection& end) { end.send(r.bytes); });
+        make_client();
+        outcome enabled;
+        enable(enabled);
+        loop->run();
+        auto const logged = texts("QUORLv4");
+        ASSERT_EQ(logged.size(), 1u);
+        EXPECT_EQ(logged[0].rfind(r.logged, 0), 0u) << logged[0];
+        EXPECT_EQ(matching("QUORLv4")[0].level, level::warning);
+        EXPECT_EQ(texts("change state to closed").size(), 1u);
+        loop->advance(3s);
+        EXPECT_EQ(connect_times(), (std::vector<long>{0, 3000}));
+        client.reset();
+        loop->run();
+    }
+}
+
+// A handler may release its own link while it runs; the link is live until
+// the handler has run.
+TEST_F(ClientTest, HandlersSeeTheirLinksLiveAndMayReleaseThem) {
+    serve();
+    make_client();
+    int lines_heard = 0;
+    log_link = client->set_log_handler(
+        [&](level, std::string const&) {
+            ++lines_heard;
+            log_link.release();
+        },
+        "");
+    utils::link own;
+    bool live_inside = false;
+    own = client->enable(
+        [&](context_ptr const&, std::error_code const&) { live_inside = own.active(); });
+    loop->run();
+    EXPECT_TRUE(live_inside);
+    EXPECT_FALSE(own.active());
+    EXPECT_EQ(lines_heard, 1);
+    EXPECT_FALSE(log_link.active());
+    EXPECT_TRUE(failures.empty());
+    EXPECT_EQ(client->get_state(), state::enabled);
 }
 
 TEST_F(ClientTest, AThrowingHandlerReachesTheExceptionHandlerAndTheClientGoesOn) {
@@ -96,6 +149,8 @@ TEST_F(ClientTest, AThrowingHandlerReachesTheExceptionHandlerAndTheClientGoesOn)
                  context->finish("", thrower);
              });
          }},
+        // reset's own handler goes through finish when the handshake works.
+        {"Failed response handler on handshake finish", [&] { client->reset(thrower); }},
         {"Failed response handler on reset",
          [&] {
              ctl->fail_request("hdshkStart", sim::ctrl_error::internal_error,
