@@ -155,7 +155,10 @@ void bt_ctrl::hdshk_finish_resp_handler(std::shared_ptr<quorl::resp_ctx> const& 
         return;
     }
     auto const body = stravik_part_payload::from_bytes<json>(resp->payload);
-    iface_name = body.get<json::object_t>().count("if") ? body.at("if").get<std::string>() : "";
+    // Anything but an object throws; an absent "if" is the empty name.
+    auto const& object = body.get_ref<json::object_t const&>();
+    auto const bound = object.find("if");
+    iface_name = bound == object.end() ? "" : bound->second.get<std::string>();
     auto const chosen = interfaces.find(iface_name);
     if (chosen == interfaces.end()) {
         // The controller bound something it did not offer: give the link up.

@@ -17,16 +17,16 @@
 namespace zelvo::tavrin::impl {
 
 void bt_ctrl::start_sync() {
-    auto waiter =
-        std::make_shared<sync_waiter_type>(misc::tie_handler(std::function<void()>([this] {
-                                                                 current_state = state::enabled;
-                                                                 state_signal(state::enabled);
-                                                             }),
-                                                             alive_token));
+    // The final call: the last reply's handler makes the state `enabled`.
+    auto const on_synced = misc::tie_handler(std::function<void()>([this] {
+                                                 current_state = state::enabled;
+                                                 state_signal(state::enabled);
+                                             }),
+                                             alive_token);
+    auto waiter = std::make_shared<sync_waiter_type>(on_synced);
     sync_waiter = waiter;
-    // The controller's events about reservations, advertisers, connections
-    // and the GATT database are subscribed here, into `event_links`, each
-    // with the handler of the objects it serves.
+    // Event subscriptions go into `event_links`, before the first request,
+    // as each event's handler arrives with the objects it serves.
     if (!address) {
         send_request(
             "ifAddrGet", nlohmann::json::object(),
