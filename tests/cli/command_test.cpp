@@ -1,132 +1,175 @@
 // The `tavrin` command and the client over real TCP, against a simulator in
 // another process.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <asio.hpp>
 
-#include "endpoint.hpp"
-#include "process.hpp"
 #include "tavrin/adapters/asio.hpp"
 #include "tavrin/bt_ctrl.hpp"
 
 namespace zelvo::tavrin {
 namespace {
 
-using test::run_process;
-
 std::string const command = TAVRIN_COMMAND;
 
-TEST(Endpoint, ParsesAndRefusesAddresses) {
-    EXPECT_EQ(cli::endpoint::parse("127.0.0.1:7410").to_string(), "127.0.0.1:7410");
-    EXPECT_EQ(cli::endpoint::parse("[::1]:80").to_string(), "[::1]:80");
-    EXPECT_EQ(cli::endpoint::parse("10.0.0.1:0").port, 0);
-    for (auto const bad : {"127.0.0.1", "127.0.0.1:", "127.0.0.1:x", "127.0.0.1:65536",
-                           "127.0.0.1:80x", "nohost:80", ":80"}) {
-        EXPECT_THROW(cli::endpoint::parse(bad), std::invalid_argument) << bad;
-    }
-}
+struct finished_run {
+    int exit_code;
+    std::string out, err;
+};
 
-TEST(Command, InfoTalksToASimulatorInAnotherProcess) {
-    auto const port = std::to_string(test::free_port());
-    test::running_process sim({command, "sim", "--listen", "127.0.0.1:" + port});
-    ASSERT_TRUE(test::wait_for_listener(static_cast<unsigned short>(std::stoi(port))));
-
-    auto const info = run_process({command, "info", "--ctrl", "127.0.0.1:" + port});
-
-    EXPECT_EQ(info.exit_code, 0) << info.err;
-    for (auto const expected : {"controller    version 1.0.0, API 1.0.0", "hci0  public ",
-                                "max MTU               517 bytes", "bound         hci0",
-                                "address       public ", "state         enabled"}) {
-        EXPECT_NE(info.out.find(expected), std::string::npos) << expected << "\n" << info.out;
-    }
-}
-
-// Each failure is told once, on standard error, with exit code 1.
-TEST(Command, InfoFailsWithOneClearMessage) {
-    auto const port = std::to_string(test::free_port());
-    std::string const config = TAVRIN_SOURCE_DIR "/sim/example-config.json";
-    struct {
-        std::vector<std::string> args;
-        std::string message;
-    } const cases[] = {
-        {{"--ctrl", "127.0.0.1:" + port, "--time-limit", "1"},
-         "no controller answered at 127.0.0.1:" + port + " within 1 s"},
-        {{"--interface", "hci9"}, "the controller has no interface \"hci9\""},
-        {{"--config", config, "--interface", "hci1"},
-         "the controller reports interface \"hci1\" as disabled"},
+// Runs the command with `args`, split as the shell splits them, to its end,
+// with output files of this process's own: test programs may run side by side.
+finished_run run(std::string const& args) {
+    auto const out = ::testing::TempDir() + "tavrin-" + std::to_string(getpid());
+    auto const err = out + "-err";
+    int const status = std::system((command + " " + args + " >" + out + " 2>" + err).c_str());
+    auto const slurp = [](std::string const& path) {
+        std::ifstream file(path);
+        std::string const text(std::istreambuf_iterator<char>(file), {});
+        std::remove(path.c_str());
+        return text;
     };
-    for (auto const& [args, message] : cases) {
-        std::vector<std::string> line{command, "info"};
-        line.insert(line.end(), args.begin(), args.end());
-        auto const info = run_process(line);
-        EXPECT_EQ(info.exit_code, 1) << message;
-        EXPECT_EQ(info.err, "tavrin: " + message + "\n");
-    }
-
-    for (auto const& bad : {std::vector<std::string>{"--ctrl", "localhost"},
-                            {"--time-limit", "0"},
-                            {"--ctrl", "127.0.0.1:1", "--config", config}}) {
-        std::vector<std::string> line{command, "info"};
-        line.insert(line.end(), bad.begin(), bad.end());
-        EXPECT_NE(run_process(line).exit_code, 0) << bad[0];
-    }
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(out), slurp(err)};
 }
 
-TEST(Command, DemoRunsAgainstTheEmbeddedSimulator) {
-    auto const demo = run_process({command, "demo"});
-    EXPECT_EQ(demo.exit_code, 0) << demo.err;
-    for (auto const expected :
+// A TCP port on 127.0.0.1 that was free a moment ago.
+unsigned short free_port() {
+    asio::io_context io;
+    return asio::ip::tcp::acceptor(io, {asio::ip::make_address("127.0.0.1"), 0})
+        .local_endpoint()
+        .port();
+}
+
+// `tavrin sim` in another process, killed with the object. The shell tells
+// its process id, which the command takes over, and the command where it
+// listens: `listening` once that is where it was asked to.
+class simulator {
+public:
+    explicit simulator(unsigned short port) {
+        auto const line =
+            "echo $$; exec " + command + " sim --listen 127.0.0.1:" + std::to_string(port);
+        output = popen(line.c_str(), "r");
+        unsigned short at = 0;
+        listening = output &&
+                    std::fscanf(output, "%d simulated controller listening at %*[^:]:%hu", &pid,
+                                &at) == 2 &&
+                    at == port;
+    }
+    simulator(simulator const&) = delete;
+    simulator& operator=(simulator const&) = delete;
+    ~simulator() {
+        if (pid > 0) {
+            kill(pid, SIGKILL);
+        }
+        if (output) {
+            pclose(output);
+        }
+    }
+
+    bool listening = false;
+
+private:
+    FILE* output = nullptr;
+    int pid = 0;
+};
+
+// info against a simulator in another process, and demo against the one it
+// embeds, run to their end. A failure is told once, on standard error, with
+// exit code 1; bad arguments, a controller's address among them, are refused
+// before anything runs.
+TEST(Command, EachRunEndsWithItsOutcomeTold) {
+    auto const port = free_port();
+    simulator sim(port);
+    ASSERT_TRUE(sim.listening);
+    std::string const config = TAVRIN_SOURCE_DIR "/sim/example-config.json";
+    std::string const answered = "tavrin: no controller answered at ";
+    struct {
+        std::string args;
+        int exit_code;                 // -1: refused by the argument parser
+        std::vector<char const*> out;  // each somewhere in standard output
+        std::string err;
+    } const cases[] = {
+        {"info --ctrl 127.0.0.1:" + std::to_string(port),
+         0,
+         {"controller    version 1.0.0, API 1.0.0", "hci0  public ",
+          "max MTU               517 bytes", "bound         hci0", "address       public ",
+          "state         enabled"},
+         ""},
+        {"demo",
+         0,
          {"* state: rebooting", "change state to connected", "bound         hci0",
-          "* state: enabled", "restarts interface hci0", "* state: disabled", "stopped cleanly"}) {
-        EXPECT_NE(demo.out.find(expected), std::string::npos) << expected << "\n" << demo.out;
+          "* state: enabled", "restarts interface hci0", "* state: disabled", "stopped cleanly"},
+         ""},
+        {"info --ctrl 127.0.0.1:1 --time-limit 1", 1, {}, answered + "127.0.0.1:1 within 1 s\n"},
+        {"info --ctrl [::1]:1 --time-limit 1", 1, {}, answered + "[::1]:1 within 1 s\n"},
+        {"info --interface hci9", 1, {}, "tavrin: the controller has no interface \"hci9\"\n"},
+        {"info --interface hci1 --config " + config,
+         1,
+         {},
+         "tavrin: the controller reports interface \"hci1\" as disabled\n"},
+        {"info --ctrl localhost", -1, {}, ""},
+        {"info --ctrl :80", -1, {}, ""},
+        {"info --ctrl 127.0.0.1:80x", -1, {}, ""},
+        {"info --ctrl 127.0.0.1:65536", -1, {}, ""},
+        {"info --time-limit 0", -1, {}, ""},
+        {"info --ctrl 127.0.0.1:1 --config " + config, -1, {}, ""},
+    };
+    for (auto const& [args, exit_code, out, err] : cases) {
+        auto const result = run(args);
+        if (exit_code < 0) {
+            EXPECT_GT(result.exit_code, 1) << args;  // neither a success nor a run's failure
+            continue;
+        }
+        EXPECT_EQ(result.exit_code, exit_code) << args;
+        EXPECT_EQ(result.err, err) << args;
+        for (auto const text : out) {
+            EXPECT_NE(result.out.find(text), std::string::npos) << text << "\n" << result.out;
+        }
     }
 }
 
 // The client rebuilds everything by itself when its controller dies and
 // comes back: no application code takes part.
 TEST(Command, ClientRecoversFromAControllerRestart) {
-    auto const port = test::free_port();
-    auto const listen = "127.0.0.1:" + std::to_string(port);
-    auto sim = std::make_unique<test::running_process>(
-        std::vector<std::string>{command, "sim", "--listen", listen});
-    ASSERT_TRUE(test::wait_for_listener(port));
-
+    auto const port = free_port();
+    std::optional<simulator> sim(std::in_place, port);
+    ASSERT_TRUE(sim->listening);
     asio::io_context io;
-    auto const loop = adapters::asio_loop::create(io);
-    auto const client = create_bt_ctrl(loop, std::nullopt, utils::ip_address("127.0.0.1"), port);
-    std::vector<bt_ctrl::state> states;
-    utils::scoped_link watch = client->notify_on_state_change([&](bt_ctrl::state state) {
-        states.push_back(state);
+    auto const client = create_bt_ctrl(adapters::asio_loop::create(io), std::nullopt,
+                                       utils::ip_address("127.0.0.1"), port);
+    std::vector<std::string> seen;  // each state, and whether the address is known then
+    utils::scoped_link watch = client->notify_on_state_change([&](bt_ctrl::state now) {
+        seen.push_back(bt_ctrl::to_string(now) + (client->get_address() ? " at an address" : ""));
         io.stop();
     });
-    // Drops the context: the controller chooses the interface.
-    client->enable([](auto const&, auto const&) {});
-
-    auto const run_until = [&](bt_ctrl::state wanted) {
+    client->enable([](auto const&, auto const&) {});  // the controller chooses the interface
+    // Runs until `count` states have been seen, for 20 s at most.
+    auto const run_until = [&](std::size_t count) {
         auto const give_up = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (client->get_state() != wanted && std::chrono::steady_clock::now() < give_up) {
+        while (seen.size() < count && std::chrono::steady_clock::now() < give_up) {
             io.restart();
             io.run_for(std::chrono::milliseconds(200));
         }
-        return client->get_state() == wanted;
     };
-    ASSERT_TRUE(run_until(bt_ctrl::state::enabled));
-    EXPECT_TRUE(client->get_address());
-
-    sim->stop();
-    ASSERT_TRUE(run_until(bt_ctrl::state::rebooting));
-    EXPECT_FALSE(client->get_address());
-    sim = std::make_unique<test::running_process>(
-        std::vector<std::string>{command, "sim", "--listen", listen});
-    ASSERT_TRUE(run_until(bt_ctrl::state::enabled));
-
-    EXPECT_EQ(states,
-              (std::vector<bt_ctrl::state>{bt_ctrl::state::rebooting, bt_ctrl::state::enabled,
-                                           bt_ctrl::state::rebooting, bt_ctrl::state::enabled}));
-    EXPECT_TRUE(client->get_address());
+    run_until(2);
+    sim.reset();
+    run_until(3);
+    sim.emplace(port);
+    run_until(4);
+    EXPECT_EQ(seen, (std::vector<std::string>{"rebooting", "enabled at an address", "rebooting",
+                                              "enabled at an address"}));
 }
 
 }  // namespace

@@ -1,239 +1,200 @@
 // The fixture of the client's tests: a client on the virtual-time loop, a
 // simulated controller listening for it (or none, or a hand-written one), and
-// records of everything the client tells the application: log lines with
-// their virtual time, state changes and the texts of contained exceptions.
+// records of everything the client tells the application: log lines (and
+// the virtual times of connects), state changes and completions in the order
+// heard, and the texts of contained exceptions.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <exception>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include "quorl/server.hpp"
 #include "tavrin/adapters/test_loop.hpp"
-#include "tavrin/bt_ctrl/capabilities.hpp"
 #include "tavrin/bt_ctrl/create_bt_ctrl.hpp"
 #include "tavrin/bt_ctrl/handshake_ctx.hpp"
-#include "tavrin/error.hpp"
 #include "tavrin/sim/config.hpp"
 #include "tavrin/sim/controller.hpp"
-#include "tavrin/sim/radio.hpp"
 #include "tavrin/sim/simulated_radio.hpp"
-#include "tavrin/utils/mac_address.hpp"
 
 namespace zelvo::tavrin::testing {
 
 using namespace std::chrono_literals;
+using ::testing::Contains;
+using ::testing::HasSubstr;
 using json = nlohmann::json;
 using strings = std::vector<std::string>;
+using times = std::vector<long>;
 using state = bt_ctrl::state;
-using states = std::vector<state>;
 using context_ptr = std::shared_ptr<bt_ctrl::handshake_ctx>;
 using client_id = std::optional<std::array<unsigned char, 16>>;
 
-inline std::error_code code(error::bt_ctrl value) {
-    return make_error_code(value);
-}
-
-// What one completion handler heard, and how often.
-struct outcome {
-    int calls = 0;
-    std::error_code ec;
-    std::string name;     // of a finish
-    context_ptr context;  // of an enable, kept only when asked to
-};
-
-// The built-in controller with a second interface "hci1": a random address
-// and capabilities unlike hci0's in every field that can differ.
+// The built-in controller's "hci0", and "hci1" with a random address and
+// capabilities unlike hci0's in every field that can differ.
 inline sim::config two_interfaces(std::string const& default_name = "hci0") {
-    auto settings = sim::config::builtin();
-    auto second = settings.interfaces[0];
-    second.description.name = "hci1";
-    second.description.address = {bt_ctrl::addr_type::random_address,
-                                  utils::mac_address("C2:54:56:00:00:02")};
-    second.description.part = "second radio";
-    auto& caps = second.description.caps;
-    caps.maxTxPower = -7;
-    caps.maxMtuSize = 247;
-    caps.scan = caps.gattCli = caps.connDuplicateMac = caps.gattClientDescWriteWithOffset = false;
-    caps.scanPhys.clear();
-    caps.advPhys = {bt_ctrl::phy::m1};
-    caps.connPhys = {bt_ctrl::phy::m2, bt_ctrl::phy::coded};
-    caps.addrTypes = {bt_ctrl::addr_type::random_address};
-    caps.gattClientCharValueMaxLen = 100;
-    caps.gattClientDescValueMaxLen = 101;
-    caps.gattServerDescValueMaxLen = 102;
-    caps.gattServerCharValueMaxLen = 103;
-    settings.interfaces.push_back(second);
-    settings.default_interface = default_name;
-    return settings;
+    return sim::config::from_json(json::parse(R"({"defaultInterface": ")" + default_name + R"(",
+        "interfaces": [{"name": "hci0", "addr": {"type": "public", "mac": "02:54:56:00:00:01"}},
+            {"name": "hci1", "addr": {"type": "random", "mac": "C2:54:56:00:00:02"},
+             "part": "second radio", "caps": {"maxTxPower": -7, "maxMtuSize": 247, "scan": false,
+                "gattCli": false, "connDuplicateMac": false, "gattClientDescWriteWithOffset": false,
+                "scanPhys": [], "advPhys": ["1m"], "connPhys": ["2m", "coded"],
+                "addrTypes": ["random"], "gattClientCharValueMaxLen": 100,
+                "gattClientDescValueMaxLen": 101, "gattServerDescValueMaxLen": 102,
+                "gattServerCharValueMaxLen": 103}}]})"));
 }
 
 class ClientTest : public ::testing::Test {
 protected:
     static constexpr unsigned short port = 7300;
 
-    struct line {
-        long ms;
-        bt_ctrl::log_level level;
-        std::string text;
-    };
+    // A handler of an enable, a reset or a finish that notes in `heard`
+    // "<what>: ok" or "<what>: <error message>", with a finish's name in
+    // brackets after `what`; an enable's context goes to `*kept` if given.
+    auto on(std::string const& what, context_ptr* kept = nullptr) {
+        return [this, what, kept](auto const&... heard_args) { hear(what, kept, heard_args...); };
+    }
+    void hear(std::string const& what, context_ptr*, std::error_code const& ec) {
+        note(heard, what + ": " + (ec ? ec.message() : "ok"));
+    }
+    void hear(std::string const& what, context_ptr*, std::string const& name,
+              std::error_code const& ec) {
+        hear(what + "(" + name + ")", nullptr, ec);
+    }
+    void hear(std::string const& what, context_ptr* kept, context_ptr const& context,
+              std::error_code const& ec) {
+        if (kept) {
+            *kept = context;
+        }
+        hear(what, nullptr, ec);
+    }
 
-    // A simulated controller listening at the client's address.
-    sim::controller& serve(std::shared_ptr<sim::radio> radio, sim::version_info versions = {}) {
-        ctl = std::make_unique<sim::controller>(loop, std::move(radio), std::move(versions));
+    // Adds `entry` to `records`, as every handler of the fixture does. Then,
+    // as an application might, drops the client if `entry` contains
+    // `drop_at` (once), or throws if it contains `throw_at`.
+    void note(strings& records, std::string const& entry) {
+        records.push_back(entry);
+        auto const has = [&entry](std::string const& part) {
+            return !part.empty() && entry.find(part) != std::string::npos;
+        };
+        if (has(drop_at)) {
+            drop_at.clear();
+            client.reset();
+        }
+        if (has(throw_at)) {
+            throw std::runtime_error("from the application");
+        }
+    }
+
+    // enable(), finishing on `name`, or on the controller's choice for "".
+    void start(std::string const& name = "") {
+        client->enable([this, name](context_ptr const& context, std::error_code const& ec) {
+            on("enable")(context, ec);
+            if (client && context) {
+                context->finish(name, on("finish"));
+            }
+        });
+    }
+
+    // A simulated controller listening at the client's address, on a radio
+    // made from `settings` unless one is given.
+    sim::controller& serve(sim::config const& settings = sim::config::builtin(),
+                           std::shared_ptr<sim::radio> radio = nullptr) {
+        ctl = std::make_unique<sim::controller>(
+            loop, radio ? radio : std::make_shared<sim::simulated_radio>(settings),
+            settings.versions);
         listening = loop->listen(host, port, ctl->accept_handler());
         return *ctl;
     }
-    sim::controller& serve(sim::config const& settings = sim::config::builtin()) {
-        return serve(std::make_shared<sim::simulated_radio>(settings), settings.versions);
+
+    // A controller written by hand, for what the simulator never says: each
+    // accepted connection gets a bus server that `setup` fills with handlers.
+    void serve_raw(std::function<void(quorl_server&, utils::connection&)> const& setup) {
+        listening = loop->listen(host, port, [this, setup](auto const& accepted) {
+            // The server goes before the connection it writes to.
+            raw_server = std::make_unique<quorl_server>(
+                loop, [end = accepted.get()](auto const& bytes) { return end->send(bytes); });
+            raw_end = accepted;
+            accepted->set_receive_handler([this](std::vector<unsigned char> const& bytes) {
+                raw_server->receive(bytes, false, 524288, 524288);
+            });
+            setup(*raw_server, *accepted);
+        });
     }
 
-    // A new controller and client, with the records of earlier ones gone.
+    // A new controller and client.
     void fresh(client_id const& id = std::nullopt,
                sim::config const& settings = sim::config::builtin()) {
+        drop_at = throw_at = "";
         client.reset();
         loop->run();
-        seen.clear();
-        lines.clear();
-        failures.clear();
         serve(settings);
         make_client(id);
     }
 
-    bt_ctrl& make_client(client_id const& id = std::nullopt, std::string const& log_name = "") {
+    // A new client, with the records of earlier ones gone.
+    void make_client(client_id const& id = std::nullopt, std::string const& log_name = "") {
+        heard.clear();
+        lines.clear();
+        connects.clear();
+        failures.clear();
         client = create_bt_ctrl(loop, id, host, port);
+        auto const born = loop->now();
         log_link = client->set_log_handler(
-            [this](bt_ctrl::log_level level, std::string const& text) {
-                lines.push_back({static_cast<long>(loop->now().count()), level, text});
+            [this, born](bt_ctrl::log_level level, std::string const& text) {
+                static char const* const names[] = {"error", "warning", "info", "debug"};
+                note(lines, names[static_cast<int>(level)] + (": " + text));
+                if (text.find("change state to connecting") != std::string::npos) {
+                    connects.push_back(static_cast<long>((loop->now() - born).count()));
+                }
             },
             log_name);
-        client->notify_on_state_change([this](state now) { seen.push_back(now); });
+        // A state is told once the client is in it, not before.
+        client->notify_on_state_change([this, self = client.get()](state now) {
+            note(heard, bt_ctrl::to_string(now) + (self->get_state() == now ? "" : " (early)"));
+        });
         // Only from inside a catch block, where the application can look at
         // the exception.
         client->set_exception_handler([this](std::string const& text) {
             failures.push_back(std::current_exception() ? text : "outside a catch: " + text);
         });
-        return *client;
     }
 
-    // enable(), recording into `out`; the context is kept only if `keep`.
-    utils::link enable(outcome& out, bool keep = false) {
-        return client->enable([&out, keep](context_ptr const& context, std::error_code const& ec) {
-            ++out.calls;
-            out.ec = ec;
-            if (keep) {
-                out.context = context;
-            }
-        });
-    }
-
-    static std::function<void(std::string const&, std::error_code const&)> recorder(outcome& out) {
-        return [&out](std::string const& name, std::error_code const& ec) {
-            ++out.calls;
-            out.name = name;
-            out.ec = ec;
-        };
-    }
-
-    strings request_names() const {
-        strings names;
-        for (auto const& request : ctl->requests()) {
-            names.push_back(request.name);
-        }
-        return names;
-    }
-
-    // The body of the last request of that name, or "none".
-    std::string last_body(std::string const& name) const {
-        std::string found = "none";
-        for (auto const& request : ctl->requests()) {
-            if (request.name == name) {
-                found = request.body ? request.body->dump() : "not json";
-            }
-        }
-        return found;
-    }
-
-    // The log lines that contain `part`.
-    std::vector<line> matching(std::string const& part) const {
-        std::vector<line> found;
-        std::copy_if(lines.begin(), lines.end(), std::back_inserter(found),
-                     [&](line const& entry) { return entry.text.find(part) != std::string::npos; });
-        return found;
-    }
-    strings texts(std::string const& part) const {
+    // The requests the controller got, each as its name and JSON body.
+    strings requests() const {
         strings found;
-        for (auto const& entry : matching(part)) {
-            found.push_back(entry.text);
+        for (auto const& request : ctl->requests()) {
+            found.push_back(request.name + " " + (request.body ? request.body->dump() : "-"));
         }
         return found;
-    }
-    // When the client started connecting, counted from the first time.
-    std::vector<long> connect_times() const {
-        auto const found = matching("change state to connecting");
-        std::vector<long> times;
-        for (auto const& entry : found) {
-            times.push_back(entry.ms - found.front().ms);
-        }
-        return times;
     }
 
     std::shared_ptr<adapters::test_loop> loop = adapters::test_loop::create();
     utils::ip_address const host{"127.0.0.1"};
     // The records outlive the client, which reports into them as it dies.
-    std::vector<line> lines;
-    states seen;
+    // Log lines are "<level>: <text>"; connects are the times, counted from
+    // the client's making, when it started connecting.
+    strings lines;
+    times connects;
+    strings heard;
     strings failures;
+    std::string drop_at, throw_at;
     std::unique_ptr<sim::controller> ctl;
+    std::shared_ptr<utils::connection> raw_end;
+    std::unique_ptr<quorl_server> raw_server;
     utils::link listening;
     std::shared_ptr<bt_ctrl> client;
     utils::link log_link;
-};
-
-// A controller written by hand, for what the simulator never says: each
-// accepted connection gets a bus server that `setup` fills with handlers.
-// It must outlive the connections it accepts.
-class raw_controller {
-public:
-    using setup_type = std::function<void(quorl_server&, utils::connection&)>;
-
-    raw_controller(std::shared_ptr<adapters::test_loop> const& loop, utils::ip_address const& host,
-                   unsigned short port, setup_type setup)
-        : setup(std::move(setup)) {
-        // The loop keeps the handler: a strong reference back would be a cycle.
-        std::weak_ptr<adapters::test_loop> const weak_loop = loop;
-        listening = loop->listen(host, port, [this, weak_loop](auto const& accepted) {
-            end = accepted;
-            std::weak_ptr<utils::connection> const weak = accepted;
-            server = std::make_unique<quorl_server>(weak_loop.lock(), [weak](auto const& bytes) {
-                auto const target = weak.lock();
-                return target && target->send(bytes);
-            });
-            accepted->set_receive_handler([this](std::vector<unsigned char> const& bytes) {
-                server->receive(bytes, false, 524288, 524288);
-            });
-            this->setup(*server, *accepted);
-        });
-    }
-
-    ~raw_controller() { listening.release(); }
-
-private:
-    setup_type setup;
-    utils::link listening;
-    std::shared_ptr<utils::connection> end;
-    std::unique_ptr<quorl_server> server;
 };
 
 }  // namespace zelvo::tavrin::testing

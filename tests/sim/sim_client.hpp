@@ -1,8 +1,8 @@
 // A raw bus client of the simulator over the test loop's in-memory network,
-// and a fixture with a controller listening there. Outcomes are text, so that
-// tests compare whole exchanges: the reply's JSON text, "app N" for a
-// controller code, "exchange N" for a fault of the exchange, "not json" for
-// a reply tagged JSON that does not parse.
+// and a fixture with a controller of the example config listening there.
+// Outcomes are text, so that tests compare whole exchanges: the reply's JSON
+// text, "app N" for a controller code, "exchange N" for a fault of the
+// exchange, "not json" for a reply tagged JSON that does not parse.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -55,17 +55,18 @@ public:
     }
 
     // Sends without turning the loop; the outcome lands in `replies`.
-    void send(std::string const& name, quorl_utils::payload const& body,
+    void send(std::string const& name, json const& body = json::object(),
               std::chrono::seconds timeout = 0s) {
+        send_payload(name, quorl_utils::payload(body), timeout);
+    }
+    void send_payload(std::string const& name, quorl_utils::payload const& body,
+                      std::chrono::seconds timeout = 0s) {
         bus.send(
             {name, body}, [this](auto const& reply) { replies.push_back(outcome(*reply)); }, true,
             timeout);
     }
     // Sends, runs the loop dry and returns the outcome.
     std::string ask(std::string const& name, json const& body = json::object()) {
-        return ask_payload(name, quorl_utils::payload(body));
-    }
-    std::string ask_payload(std::string const& name, quorl_utils::payload const& body) {
         replies.clear();
         send(name, body);
         loop->run();
@@ -84,24 +85,14 @@ public:
     bool closed = false;
 };
 
-// The built-in config plus a second interface, "hci1", with a random address.
-inline config two_interfaces() {
-    auto settings = config::builtin();
-    auto second = settings.interfaces.front();
-    second.description.name = "hci1";
-    second.description.address = {bt_ctrl::addr_type::random_address,
-                                  utils::mac_address("C2:54:56:00:00:02")};
-    settings.interfaces.push_back(second);
-    return settings;
-}
-
 class SimTest : public ::testing::Test {
 protected:
     std::unique_ptr<client> connect() { return std::make_unique<client>(loop, port); }
 
     static constexpr unsigned short port = 7100;
     std::shared_ptr<adapters::test_loop> loop = adapters::test_loop::create();
-    std::unique_ptr<controller> ctl = std::make_unique<controller>(loop, two_interfaces());
+    std::unique_ptr<controller> ctl =
+        std::make_unique<controller>(loop, config::load(TAVRIN_SIM_EXAMPLE_CONFIG));
     utils::link listening =
         loop->listen(utils::ip_address("127.0.0.1"), port, ctl->accept_handler());
 };
