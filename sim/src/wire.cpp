@@ -6,63 +6,16 @@
 #include <stdexcept>
 
 #include "tavrin/utils/mac_address.hpp"
+#include "values/capability_keys.hpp"
+#include "values/wire_values.hpp"
 
 namespace zelvo::tavrin::sim::wire {
 
 namespace {
 
 using nlohmann::json;
-using caps_type = bt_ctrl::capabilities;
 
-struct flag_key {
-    char const* key;
-    bool caps_type::*member;
-};
-struct length_key {
-    char const* key;
-    unsigned short caps_type::*member;
-};
-struct phys_key {
-    char const* key;
-    std::set<bt_ctrl::phy> caps_type::*member;
-};
-
-constexpr flag_key flags[] = {
-    {"adv", &caps_type::adv},
-    {"scan", &caps_type::scan},
-    {"conn", &caps_type::conn},
-    {"gattSrv", &caps_type::gattSrv},
-    {"gattCli", &caps_type::gattCli},
-    {"connAdv", &caps_type::connAdv},
-    {"scnAdv", &caps_type::scnAdv},
-    {"extAdv", &caps_type::extAdv},
-    {"passiveScan", &caps_type::passiveScan},
-    {"periRoleConnPhyChange", &caps_type::periRoleConnPhyChange},
-    {"centRoleConnPhyChange", &caps_type::centRoleConnPhyChange},
-    {"periRoleConnParmsChange", &caps_type::periRoleConnParmsChange},
-    {"centRoleConnParmsChange", &caps_type::centRoleConnParmsChange},
-    {"connLatencyChange", &caps_type::connLatencyChange},
-    {"connDuplicateMac", &caps_type::connDuplicateMac},
-    {"gattServerDynamicGatt", &caps_type::gattServerDynamicGatt},
-    {"gattServerPolymorphicGatt", &caps_type::gattServerPolymorphicGatt},
-    {"gattClientCharWriteWithOffset", &caps_type::gattClientCharWriteWithOffset},
-    {"gattClientCharWriteNoResponse", &caps_type::gattClientCharWriteNoResponse},
-    {"gattClientDescWriteWithOffset", &caps_type::gattClientDescWriteWithOffset},
-};
-
-constexpr length_key lengths[] = {
-    {"maxMtuSize", &caps_type::maxMtuSize},
-    {"gattClientCharValueMaxLen", &caps_type::gattClientCharValueMaxLen},
-    {"gattClientDescValueMaxLen", &caps_type::gattClientDescValueMaxLen},
-    {"gattServerDescValueMaxLen", &caps_type::gattServerDescValueMaxLen},
-    {"gattServerCharValueMaxLen", &caps_type::gattServerCharValueMaxLen},
-};
-
-constexpr phys_key phy_lists[] = {
-    {"scanPhys", &caps_type::scanPhys},
-    {"connPhys", &caps_type::connPhys},
-    {"advPhys", &caps_type::advPhys},
-};
+namespace keys = impl::capability_keys;
 
 constexpr bt_ctrl::phy known_phys[] = {bt_ctrl::phy::m1, bt_ctrl::phy::m2, bt_ctrl::phy::coded};
 constexpr bt_ctrl::addr_type known_addr_types[] = {bt_ctrl::addr_type::public_address,
@@ -126,18 +79,20 @@ void fail(std::string const& path, std::string const& problem) {
 }
 
 json to_json(bt_ctrl::address const& address) {
-    return {{"type", bt_ctrl::to_string(address.type)}, {"mac", std::string(address.mac)}};
+    return impl::wire_values::to_json(address);
 }
 
 json to_json(bt_ctrl::capabilities const& caps) {
-    json object = {{"maxTxPower", caps.maxTxPower}, {"addrTypes", to_words(caps.addrTypes)}};
-    for (auto const& flag : flags) {
+    json object = {{"maxTxPower", caps.maxTxPower},
+                   {"maxMtuSize", caps.maxMtuSize},
+                   {"addrTypes", to_words(caps.addrTypes)}};
+    for (auto const& flag : keys::flags) {
         object[flag.key] = caps.*flag.member;
     }
-    for (auto const& length : lengths) {
+    for (auto const& length : keys::value_lengths) {
         object[length.key] = caps.*length.member;
     }
-    for (auto const& list : phy_lists) {
+    for (auto const& list : keys::phy_lists) {
         object[list.key] = to_words(caps.*list.member);
     }
     return object;
@@ -200,12 +155,16 @@ void read_caps(json const& value, std::string const& path, bt_ctrl::capabilities
             caps.maxTxPower = static_cast<signed char>(read_integer(field, where, -128, 127));
             continue;
         }
+        if (key == "maxMtuSize") {
+            caps.maxMtuSize = static_cast<unsigned short>(read_integer(field, where, 0, 65535));
+            continue;
+        }
         if (key == "addrTypes") {
             caps.addrTypes = read_words(field, where, known_addr_types);
             continue;
         }
         bool found = false;
-        for (auto const& flag : flags) {
+        for (auto const& flag : keys::flags) {
             if (key == flag.key) {
                 if (!field.is_boolean()) {
                     fail(where, "expected true or false");
@@ -214,14 +173,14 @@ void read_caps(json const& value, std::string const& path, bt_ctrl::capabilities
                 found = true;
             }
         }
-        for (auto const& length : lengths) {
+        for (auto const& length : keys::value_lengths) {
             if (key == length.key) {
                 caps.*length.member =
                     static_cast<unsigned short>(read_integer(field, where, 0, 65535));
                 found = true;
             }
         }
-        for (auto const& list : phy_lists) {
+        for (auto const& list : keys::phy_lists) {
             if (key == list.key) {
                 caps.*list.member = read_words(field, where, known_phys);
                 found = true;

@@ -13,6 +13,7 @@
 #include "tavrin/misc/hex.hpp"
 #include "tavrin/misc/link_handler.hpp"
 #include "tavrin/misc/tie_handler.hpp"
+#include "values/capability_keys.hpp"
 
 namespace zelvo::tavrin::impl {
 
@@ -20,62 +21,24 @@ namespace {
 
 using json = nlohmann::json;
 
-// The capability flags in the order they are read.
-constexpr std::pair<char const*, bool tavrin::bt_ctrl::capabilities::*> capability_flags[] = {
-    {"adv", &tavrin::bt_ctrl::capabilities::adv},
-    {"scan", &tavrin::bt_ctrl::capabilities::scan},
-    {"conn", &tavrin::bt_ctrl::capabilities::conn},
-    {"gattSrv", &tavrin::bt_ctrl::capabilities::gattSrv},
-    {"gattCli", &tavrin::bt_ctrl::capabilities::gattCli},
-    {"connAdv", &tavrin::bt_ctrl::capabilities::connAdv},
-    {"scnAdv", &tavrin::bt_ctrl::capabilities::scnAdv},
-    {"extAdv", &tavrin::bt_ctrl::capabilities::extAdv},
-    {"passiveScan", &tavrin::bt_ctrl::capabilities::passiveScan},
-    {"periRoleConnPhyChange", &tavrin::bt_ctrl::capabilities::periRoleConnPhyChange},
-    {"centRoleConnPhyChange", &tavrin::bt_ctrl::capabilities::centRoleConnPhyChange},
-    {"periRoleConnParmsChange", &tavrin::bt_ctrl::capabilities::periRoleConnParmsChange},
-    {"centRoleConnParmsChange", &tavrin::bt_ctrl::capabilities::centRoleConnParmsChange},
-    {"connLatencyChange", &tavrin::bt_ctrl::capabilities::connLatencyChange},
-    {"connDuplicateMac", &tavrin::bt_ctrl::capabilities::connDuplicateMac},
-    {"gattServerDynamicGatt", &tavrin::bt_ctrl::capabilities::gattServerDynamicGatt},
-    {"gattServerPolymorphicGatt", &tavrin::bt_ctrl::capabilities::gattServerPolymorphicGatt},
-    {"gattClientCharWriteWithOffset",
-     &tavrin::bt_ctrl::capabilities::gattClientCharWriteWithOffset},
-    {"gattClientCharWriteNoResponse",
-     &tavrin::bt_ctrl::capabilities::gattClientCharWriteNoResponse},
-    {"gattClientDescWriteWithOffset",
-     &tavrin::bt_ctrl::capabilities::gattClientDescWriteWithOffset},
-};
-
-constexpr std::pair<char const*, unsigned short tavrin::bt_ctrl::capabilities::*>
-    capability_sizes[] = {
-        {"gattClientCharValueMaxLen", &tavrin::bt_ctrl::capabilities::gattClientCharValueMaxLen},
-        {"gattClientDescValueMaxLen", &tavrin::bt_ctrl::capabilities::gattClientDescValueMaxLen},
-        {"gattServerDescValueMaxLen", &tavrin::bt_ctrl::capabilities::gattServerDescValueMaxLen},
-        {"gattServerCharValueMaxLen", &tavrin::bt_ctrl::capabilities::gattServerCharValueMaxLen},
-};
-
 // Every key is required, except that a PHY list is read only when its
 // capability is there.
 tavrin::bt_ctrl::capabilities to_capabilities(json const& caps) {
+    namespace keys = capability_keys;
     tavrin::bt_ctrl::capabilities result;
     result.maxTxPower = caps.at("maxTxPower").get<signed char>();
     result.maxMtuSize = caps.at("maxMtuSize").get<unsigned short>();
-    for (auto const& [key, field] : capability_flags) {
+    for (auto const& [key, field] : keys::flags) {
         result.*field = caps.at(key).get<bool>();
     }
-    for (auto const& [key, field] : capability_sizes) {
+    for (auto const& [key, field] : keys::value_lengths) {
         result.*field = caps.at(key).get<unsigned short>();
     }
     result.addrTypes = wire_values::to_address_types(caps.at("addrTypes").get<json::array_t>());
-    if (result.scan) {
-        result.scanPhys = wire_values::to_phys(caps.at("scanPhys").get<json::array_t>());
-    }
-    if (result.conn) {
-        result.connPhys = wire_values::to_phys(caps.at("connPhys").get<json::array_t>());
-    }
-    if (result.adv) {
-        result.advPhys = wire_values::to_phys(caps.at("advPhys").get<json::array_t>());
+    for (auto const& [key, field, feature] : keys::phy_lists) {
+        if (result.*feature) {
+            result.*field = wire_values::to_phys(caps.at(key).get<json::array_t>());
+        }
     }
     return result;
 }
