@@ -48,6 +48,40 @@ TEST(BusPayload, FromBytesParsesOneJsonTextStrictly) {
     }
 }
 
+TEST(BusPayload, FromBytesRefusesNestingBeyondTheBoundWherePeerBytesBecomeAValue) {
+    auto const nested = [](std::size_t levels, std::string const& open, std::string const& close,
+                           std::string const& inner) {
+        std::string text;
+        for (std::size_t i = 0; i < levels; ++i) {
+            text += open;
+        }
+        text += inner;
+        for (std::size_t i = 0; i < levels; ++i) {
+            text += close;
+        }
+        return std::vector<unsigned char>(text.begin(), text.end());
+    };
+    auto const parse = [](std::vector<unsigned char> const& bytes) {
+        return stravik_part_payload::from_bytes<nlohmann::json>(bytes);
+    };
+    unsigned const limit = stravik_part_payload::max_depth;
+    EXPECT_NO_THROW(parse(nested(limit, "[", "]", "")));
+    EXPECT_NO_THROW(parse(nested(limit, "{\"k\":", "}", "1")));
+    // Brackets inside strings are text, escaped quotes included.
+    EXPECT_NO_THROW(parse(nested(limit, "[", "]", "\"\\\"[[[[{{{{\"")));
+    try {
+        parse(nested(limit + 1, "[", "]", ""));
+        FAIL() << "one level too deep must be refused";
+    } catch (nlohmann::json::parse_error const& failure) {
+        EXPECT_EQ(failure.byte, limit + 1);
+        EXPECT_NE(std::string(failure.what()).find("nesting deeper than 64 levels"),
+                  std::string::npos);
+    }
+    // What used to exhaust the stack of whoever copied the value.
+    EXPECT_THROW(parse(nested(100000, "[", "]", "")), nlohmann::json::parse_error);
+    EXPECT_THROW(parse(nested(100000, "{\"a\":", "}", "0")), nlohmann::json::parse_error);
+}
+
 TEST(BusError, DefaultErrorIsEmptyAndInTheApplicationSpace) {
     error const none;
     EXPECT_FALSE(none);

@@ -21,9 +21,14 @@ enum class format : unsigned char {
 template <typename T>
 T from_bytes(std::vector<unsigned char> const& bytes);
 
+// Arrays and objects nested deeper than this are refused by from_bytes.
+constexpr unsigned max_depth = 64;
+
 // Parses the bytes as one JSON text, with exceptions on and comments off:
 // throws nlohmann::json::parse_error when the bytes are not exactly one JSON
-// value.
+// value, or when arrays and objects nest deeper than max_depth (whatever
+// reads, copies, compares or prints a value recurses once per level, so the
+// depth is bounded where a peer's bytes become a value).
 template <>
 QUORL_API nlohmann::json from_bytes<nlohmann::json>(std::vector<unsigned char> const& bytes);
 
