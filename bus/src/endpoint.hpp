@@ -62,6 +62,9 @@ public:
     bool answer(std::uint32_t id, status_space space, std::int32_t code,
                 quorl_utils::payload const& payload);
 
+    // Bytes held of an incomplete frame.
+    std::size_t buffered() const { return reader.buffered(); }
+
     // Called when a link is released.
     void forget_exchange(std::uint32_t id);
 

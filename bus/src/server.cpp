@@ -70,6 +70,10 @@ quorl_utils::link quorl_server::set_error_handler(quorl::error_handler const& ha
     return core->set_error_handler(handler);
 }
 
+std::size_t quorl_server::buffered() const {
+    return core->buffered();
+}
+
 bool quorl_server::send_event(std::string const& name, quorl_utils::payload const& payload) {
     return core->send_event(name, payload);
 }

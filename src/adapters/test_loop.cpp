@@ -50,6 +50,7 @@ public:
     // By "address:port".
     std::map<std::string, std::shared_ptr<listener>> listeners;
     std::size_t max_chunk = 0;
+    std::size_t high_water_mark = test_loop::default_high_water_mark;
     std::uint64_t connections = 0;
 
     // Runs the function in the running turn, right after the caller's.
@@ -140,6 +141,11 @@ public:
             return false;
         }
         if (auto const p = peer.lock(); p && !bytes.empty()) {
+            // Into an empty queue anything goes, so that one message larger
+            // than the mark is not refused for ever.
+            if (p->waiting_bytes > 0 && p->waiting_bytes + bytes.size() > c->high_water_mark) {
+                return false;
+            }
             p->push(*c, {kind::bytes, state::connected, peer_session, 0, bytes});
         }
         return true;
@@ -193,6 +199,13 @@ public:
         on_state = handler;
     }
 
+    void pause_reading(bool paused) {
+        reading_paused = paused;
+        if (auto const c = loop.lock(); c && !paused) {
+            schedule(*c);
+        }
+    }
+
 private:
     enum class kind { report, resolve, bytes, closed };
     struct item {
@@ -206,6 +219,9 @@ private:
 
     void push(core& c, item i) {
         i.turn = c.turn;
+        if (i.what == kind::bytes) {
+            waiting_bytes += i.bytes.size();
+        }
         inbox.push_back(std::move(i));
         schedule(c);
     }
@@ -233,8 +249,14 @@ private:
             item& next = inbox.front();
             if (next.session != session ||
                 (next.what == kind::bytes && current != state::connected)) {
+                if (next.what == kind::bytes) {
+                    waiting_bytes -= next.bytes.size() - next.taken;
+                }
                 inbox.pop_front();
                 continue;
+            }
+            if (next.what == kind::bytes && reading_paused) {
+                return;  // pause_reading(false) schedules the pump again
             }
             if (next.turn >= c->turn) {
                 break;
@@ -293,6 +315,7 @@ private:
             auto const from = next.bytes.begin() + static_cast<std::ptrdiff_t>(next.taken);
             chunk.insert(chunk.end(), from, from + static_cast<std::ptrdiff_t>(count));
             next.taken += count;
+            waiting_bytes -= count;
             if (next.taken == next.bytes.size()) {
                 inbox.pop_front();
             }
@@ -346,6 +369,8 @@ private:
     std::weak_ptr<mem_connection> peer;
     std::uint64_t peer_session = 0;
     std::deque<item> inbox;
+    std::size_t waiting_bytes = 0;  // of the bytes items in the inbox, not yet delivered
+    bool reading_paused = false;
     bool pump_posted = false;
     std::function<void(std::vector<unsigned char> const&)> on_receive;
     std::function<void(state)> on_state;
@@ -467,6 +492,18 @@ utils::link test_loop::listen(utils::ip_address const& address, unsigned short p
 
 void test_loop::set_max_chunk(std::size_t bytes) {
     self->max_chunk = bytes;
+}
+
+void test_loop::set_high_water_mark(std::size_t bytes) {
+    self->high_water_mark = bytes;
+}
+
+void test_loop::pause_reading(std::shared_ptr<utils::connection> const& end, bool paused) {
+    auto const mine = std::dynamic_pointer_cast<mem_connection>(end);
+    if (!mine) {
+        throw std::invalid_argument("test_loop: not a connection of a test_loop");
+    }
+    mine->pause_reading(paused);
 }
 
 }  // namespace zelvo::tavrin::adapters

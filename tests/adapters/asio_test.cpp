@@ -127,6 +127,28 @@ TEST_F(asio_adapter, close_writes_what_is_queued_then_both_ends_report_closed) {
     }
 }
 
+TEST_F(asio_adapter, send_refuses_past_the_high_water_mark_until_the_queue_drains) {
+    bytes const chunk(1000, 0x42);
+    // A connection's own mark, and the loop's for connections made later.
+    auto client = open(client_log);
+    std::static_pointer_cast<tv::adapters::asio_connection>(client)->set_high_water_mark(2500);
+    loop->set_high_water_mark(2000);
+    auto later = open(client_log);
+    // Nothing runs meanwhile, so nothing is written: the bytes wait.
+    for (auto* connection : {client.get(), later.get()}) {
+        EXPECT_TRUE(connection->send(chunk));
+        EXPECT_TRUE(connection->send(chunk));
+    }
+    EXPECT_TRUE(client->send(bytes(500, 0x42)));
+    EXPECT_FALSE(client->send({1}));
+    EXPECT_FALSE(later->send({1}));
+    // Once written, the queue takes bytes again; a send into an empty queue
+    // is taken whatever its size.
+    bool taken = false;
+    ASSERT_TRUE(run_until(io, [&] { return taken || (taken = later->send(bytes(5000, 0x42))); }));
+    ASSERT_TRUE(run_until(io, [&] { return server_log.received.size() == 9500; }));
+}
+
 TEST_F(asio_adapter, bytes_keep_their_order_across_many_sends_and_an_echo) {
     auto client = open(client_log);
     auto* server_end = accepted.at(0).get();

@@ -241,6 +241,27 @@ TEST_F(TestLoopTest, BytesOfATurnArriveTogetherLaterInChunksOfAtMostTheLimit) {
     EXPECT_EQ(turns(), (by_turn{{}, {"client got 12"}}));
 }
 
+TEST_F(TestLoopTest, SendRefusesPastTheHighWaterMarkOfBytesThePeerHasNotRead) {
+    connect_pair();
+    loop->set_high_water_mark(6);
+    loop->pause_reading(server, true);
+    EXPECT_TRUE(client->send(text("abcd")));
+    EXPECT_TRUE(client->send(text("ef")));
+    EXPECT_FALSE(client->send(text("g")));  // 7 would wait
+    loop->run();
+    EXPECT_TRUE(log.empty());  // nothing read, so nothing was freed
+    EXPECT_FALSE(client->send(text("g")));
+
+    loop->pause_reading(server, false);
+    EXPECT_EQ(turns(), (by_turn{{"server got abcdef"}}));
+    EXPECT_TRUE(client->send(text("ghijkl")));
+    EXPECT_EQ(turns(), (by_turn{{"server got ghijkl"}}));
+    // Into an empty queue even a message over the mark goes.
+    EXPECT_TRUE(client->send(text("a message over the mark")));
+    EXPECT_EQ(turns(), (by_turn{{"server got a message over the mark"}}));
+    EXPECT_THROW(loop->pause_reading(nullptr, true), std::invalid_argument);
+}
+
 TEST_F(TestLoopTest, CloseDeliversWhatWasSentThenBothEndsReportClosed) {
     for (bool const client_closes : {true, false}) {
         SCOPED_TRACE(client_closes ? "client closes" : "server closes");

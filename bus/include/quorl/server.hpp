@@ -16,6 +16,7 @@
 // re-entrancy are those of quorl.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -74,6 +75,10 @@ public:
     // Writes one event frame. False when the writer refused the bytes (also
     // reported as local_error::write_refused).
     bool send_event(std::string const& name, quorl_utils::payload const& payload);
+
+    // Bytes received of a frame not yet complete (0 between frames), so that
+    // an owner can drop a peer that stalls in the middle of one.
+    std::size_t buffered() const;
 
 private:
     quorl_server(std::shared_ptr<quorl_utils::event_loop> const& loop,

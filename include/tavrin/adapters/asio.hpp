@@ -19,14 +19,18 @@
 //
 // Connections. connect() takes a numeric address; sockets use TCP_NODELAY.
 // send() queues the bytes; those sent while a write is in flight leave
-// together in the next write. close() writes what is queued, ends our side and
-// reports closed when the peer ends its side too, or after a linger of 2 s;
-// bytes that arrive after close() are dropped. End of stream or an error from
-// the peer reports closed at once and drops unsent bytes. Destroying a
-// connection closes its socket at once and reports nothing. A handler should
-// not own its connection: the connection owns its handlers.
+// together in the next write. A peer that does not read can't make the queue
+// grow without bound: send() refuses (returns false) bytes that would take the
+// unwritten bytes past the high-water mark, 4 MiB unless set otherwise for the
+// loop or the connection; bytes sent into an empty queue are always taken.
+// The bus turns a refusal into its write_refused error. close() writes what is queued, ends our
+// side and reports closed when the peer ends its side too, or after a linger of 2 s; bytes that
+// arrive after close() are dropped. End of stream or an error from the peer reports closed at once
+// and drops unsent bytes. Destroying a connection closes its socket at once and reports nothing. A
+// handler should not own its connection: the connection owns its handlers.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <asio.hpp>
 #include <chrono>
@@ -69,6 +73,8 @@ struct context {
 
     asio::io_context& io;
     std::function<void(std::exception_ptr)> on_exception;
+    // For connections made from now on.
+    std::size_t high_water_mark = 4 * 1024 * 1024;
 };
 
 // Numeric text only: nothing is resolved. Throws logic_error for an empty
@@ -94,7 +100,10 @@ struct stream : std::enable_shared_from_this<stream> {
     using state_handler = std::function<void(state)>;
 
     explicit stream(std::shared_ptr<context> shared)
-        : ctx(std::move(shared)), socket(ctx->io), linger(ctx->io) {}
+        : ctx(std::move(shared)),
+          socket(ctx->io),
+          linger(ctx->io),
+          high_water_mark(ctx->high_water_mark) {}
 
     void connect(asio::ip::tcp::endpoint const& peer) {
         name = name_of(peer);
@@ -142,6 +151,9 @@ struct stream : std::enable_shared_from_this<stream> {
 
     bool send(std::vector<unsigned char> const& bytes) {
         if (now != state::connected)
+            return false;
+        auto const unwritten = queued.size() + writing.size();
+        if (unwritten > 0 && unwritten + bytes.size() > high_water_mark)
             return false;
         queued.insert(queued.end(), bytes.begin(), bytes.end());
         if (!writing_now && !queued.empty())
@@ -233,6 +245,7 @@ struct stream : std::enable_shared_from_this<stream> {
     std::shared_ptr<state_handler const> on_state;
     std::vector<unsigned char> queued, writing;  // swapped, so no allocation once warm
     bool writing_now = false;
+    std::size_t high_water_mark;
     std::array<unsigned char, 65536> buffer;
     std::vector<unsigned char> chunk;
 };
@@ -294,6 +307,8 @@ public:
     void close() override { core->close(); }
     std::string const& get_name() const override { return core->name; }
     state get_state() const override { return core->now; }
+    // See "Connections" at the top of this file.
+    void set_high_water_mark(std::size_t bytes) { core->high_water_mark = bytes; }
     void set_receive_handler(
         std::function<void(std::vector<unsigned char> const&)> const& handler) override {
         core->on_bytes =
@@ -330,6 +345,10 @@ public:
         ctx->on_exception = std::move(handler);
     }
 
+    // The high-water mark of the connections made from now on, accepted ones
+    // included; see "Connections" at the top of this file.
+    void set_high_water_mark(std::size_t bytes) { ctx->high_water_mark = bytes; }
+
     asio::io_context& context() const { return ctx->io; }
     std::shared_ptr<asio_detail::context> const& shared_context() const { return ctx; }
 
@@ -342,9 +361,15 @@ private:
 // handler, which should set the connection's handlers before it returns.
 // Closing or destroying the listener stops accepting; accepted connections
 // live on.
+//
+// A failed accept (out of file descriptors, say) is not retried at once,
+// which would spin as long as the cause lasts: the listener waits 100 ms,
+// then twice as long after each further failure, up to 1 s, and a success
+// brings the wait back to none. Each failure goes to the error handler.
 class asio_listener : public std::enable_shared_from_this<asio_listener> {
 public:
     using accept_handler = std::function<void(std::shared_ptr<utils::connection> const&)>;
+    using error_handler = std::function<void(std::error_code const&)>;
 
     // Port 0 binds an ephemeral port. Throws asio::system_error when the
     // address can't be bound.
@@ -363,13 +388,17 @@ public:
     void close() {
         std::error_code ignored;
         acceptor.close(ignored);
+        retry.cancel();
     }
+    // Runs under the loop's exception policy, like the accept handler.
+    void set_error_handler(error_handler handler) { on_error = std::move(handler); }
 
 private:
     asio_listener(std::shared_ptr<asio_detail::context> shared,
                   asio::ip::tcp::endpoint const& endpoint, accept_handler handler)
         : ctx(std::move(shared)),
           acceptor(ctx->io, endpoint),
+          retry(ctx->io),
           bound(acceptor.local_endpoint().port()),
           on_accept(std::move(handler)) {}
 
@@ -379,18 +408,36 @@ private:
                 auto self = weak.lock();
                 if (!self || !self->acceptor.is_open() || ec == asio::error::operation_aborted)
                     return;
-                self->accept();  // before the handler, which may throw or close us
                 if (ec)
-                    return;
+                    return self->accept_later(ec);
+                self->backoff = std::chrono::milliseconds(0);
+                self->accept();  // before the handler, which may throw or close us
                 auto accepted = std::make_shared<asio_connection>(self->ctx, std::move(socket));
                 self->ctx->call(self->on_accept, std::shared_ptr<utils::connection>(accepted));
             });
     }
 
+    void accept_later(std::error_code const& ec) {
+        using std::chrono::milliseconds;
+        backoff = backoff == milliseconds(0) ? milliseconds(100)
+                                             : std::min(backoff * 2, milliseconds(1000));
+        retry.expires_after(backoff);
+        retry.async_wait([weak = weak_from_this()](std::error_code waited) {
+            auto self = weak.lock();
+            if (!waited && self && self->acceptor.is_open())
+                self->accept();
+        });
+        if (auto handler = on_error)  // a copy: it may replace itself
+            ctx->call(handler, ec);
+    }
+
     std::shared_ptr<asio_detail::context> ctx;
     asio::ip::tcp::acceptor acceptor;
+    asio::steady_timer retry;
+    std::chrono::milliseconds backoff{0};
     unsigned short bound;
     accept_handler on_accept;
+    error_handler on_error;
 };
 
 }  // namespace zelvo::tavrin::adapters

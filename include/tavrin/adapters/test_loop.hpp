@@ -34,6 +34,10 @@
 // - get_name() is "mem:client-N" before the first connect(), then
 //   "mem:ADDRESS:PORT client-N"; the server end of that connection is
 //   "mem:ADDRESS:PORT server-N", with the same N.
+// - send() refuses (returns false) bytes that would take what waits for
+//   the peer to read past the high-water mark; a send while nothing waits
+//   is always taken. pause_reading() makes an end a reader that does not
+//   read, so that its peer's bytes pile up as behind a slow TCP reader.
 //
 // An exception from a function, a timer handler or a connection handler
 // leaves the call that ran it (run_turn(), run() or advance()); the thrower is
@@ -103,6 +107,15 @@ public:
     // Deliveries carry at most this many bytes each; 0 (the default) means
     // no limit. Applies from the next delivery on, to bytes already sent too.
     void set_max_chunk(std::size_t bytes);
+
+    // The bytes that one end may have waiting for its peer to read: past
+    // the mark, send() returns false. The same default as the Asio adapter.
+    static constexpr std::size_t default_high_water_mark = 4 * 1024 * 1024;
+    void set_high_water_mark(std::size_t bytes);
+    // While paused, the end gets no bytes (its state reports behind them
+    // wait too); they pile up for it and count against its peer's mark.
+    // Throws invalid_argument for a connection this loop did not make.
+    void pause_reading(std::shared_ptr<utils::connection> const& end, bool paused);
 
     // Opaque: the queue, the clock, the timers and the listeners, shared
     // weakly with everything the loop makes.
