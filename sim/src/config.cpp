@@ -1,10 +1,13 @@
 #include "tavrin/sim/config.hpp"
 
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <stdexcept>
 
+#include "quorl/payload.hpp"
+#include "stravik/part_payload.hpp"
 #include "tavrin/utils/mac_address.hpp"
 #include "wire.hpp"
 
@@ -16,6 +19,8 @@ using nlohmann::json;
 
 char const* const default_vendor = "tavrin";
 char const* const default_part = "virtual LE radio";
+// A bus frame's fixed header.
+constexpr std::size_t frame_header_size = 20;
 
 // Throws for a key of the object that is not among `known`.
 void refuse_unknown_keys(json const& object, std::string const& path,
@@ -166,13 +171,16 @@ config config::from_json(json const& document) {
 
 config config::load(std::string const& path) {
     auto const prefix = "simulator config " + path + ": ";
-    std::ifstream file(path);
+    std::ifstream file(path, std::ios::binary);
     if (!file) {
         throw std::runtime_error(prefix + "cannot be opened");
     }
+    std::vector<unsigned char> const bytes((std::istreambuf_iterator<char>(file)),
+                                           std::istreambuf_iterator<char>());
     json document;
     try {
-        document = json::parse(file);
+        // The same parser, and the same nesting bound, as for a peer's bytes.
+        document = stravik_part_payload::from_bytes<json>(bytes);
     } catch (json::exception const& error) {
         throw std::runtime_error(prefix + "not valid JSON: " + error.what());
     }
@@ -203,6 +211,19 @@ void config::check() const {
     }
     if (names.count(default_interface) == 0) {
         wire::fail("defaultInterface", "no interface named \"" + default_interface + "\"");
+    }
+    // Every client must be able to take the handshake's reply in one message.
+    std::vector<interface_description> described;
+    for (auto const& entry : interfaces) {
+        described.push_back(entry.description);
+    }
+    auto const reply_size =
+        frame_header_size +
+        quorl_utils::payload(wire::handshake_reply(versions, described)).get_bytes().size();
+    if (reply_size > max_message) {
+        wire::fail("interfaces", "the handshake reply would take " + std::to_string(reply_size) +
+                                     " bytes, more than the " + std::to_string(max_message) +
+                                     " a client accepts in one message: use fewer interfaces");
     }
 }
 

@@ -3,6 +3,7 @@
 #include <map>
 #include <utility>
 
+#include "client_log.hpp"
 #include "quorl/error.hpp"
 #include "quorl/payload.hpp"
 #include "quorl/server.hpp"
@@ -21,7 +22,7 @@ using state = utils::connection::state;
 
 // The bus's limits on one message and on the bytes held for an incomplete
 // one, as the client library sets them.
-constexpr unsigned receive_limit = 524288;
+constexpr unsigned receive_limit = config::max_message;
 
 std::optional<json> parse_body(quorl_server::request_ctx const& request) {
     if (request.format != stravik_part_payload::format::json) {
@@ -34,12 +35,34 @@ std::optional<json> parse_body(quorl_server::request_ctx const& request) {
     }
 }
 
-// Faults after which the byte stream can't be trusted: the connection goes.
-bool breaks_stream(quorl_utils::error const& error) {
+// Why a bus fault ends the session, or nothing when it does not: after a
+// stream fault the bytes can't be trusted, and a refused write means the
+// client does not read its replies.
+std::optional<std::string> drop_reason(quorl_utils::error const& error,
+                                       utils::connection const& connection) {
     using quorl_utils::local_error;
-    return error == local_error::malformed_frame || error == local_error::message_too_large ||
-           error == local_error::buffer_overflow ||
-           error.type() == typeid(quorl_utils::remote_error);
+    if (error == local_error::malformed_frame) {
+        return "malformed frame";
+    }
+    if (error == local_error::message_too_large) {
+        return "oversized message (over " + std::to_string(receive_limit) + " bytes)";
+    }
+    if (error == local_error::buffer_overflow) {
+        return "oversized message (incomplete frame over " + std::to_string(receive_limit) +
+               " bytes)";
+    }
+    if (error.type() == typeid(quorl_utils::remote_error)) {
+        return "the client reported a fault in our stream: " + error.text();
+    }
+    // A closing connection refuses writes too; that is no fault of the peer.
+    if (error == local_error::write_refused && connection.get_state() == state::connected) {
+        return "slow reader (its unread replies reached the connection's high-water mark)";
+    }
+    return std::nullopt;
+}
+
+std::string seconds_text(std::chrono::seconds value) {
+    return std::to_string(value.count()) + " s";
 }
 
 }  // namespace
@@ -49,7 +72,10 @@ class controller::core : public std::enable_shared_from_this<core> {
 public:
     core(std::shared_ptr<utils::event_loop> loop, std::shared_ptr<sim::radio> radio,
          version_info versions)
-        : loop(std::move(loop)), radio(std::move(radio)), versions(std::move(versions)) {}
+        : loop(std::move(loop)),
+          radio(std::move(radio)),
+          versions(std::move(versions)),
+          clients(this->loop) {}
 
     void watch_radio() {
         status_link = radio->on_status_change(
@@ -76,9 +102,16 @@ public:
             connection->close();
             return;
         }
+        if (sessions.size() >= settings.max_sessions) {
+            clients.dropped("refused client " + connection->get_name() + ": too many sessions (" +
+                            std::to_string(settings.max_sessions) + ")");
+            connection->close();
+            return;
+        }
         auto const id = next_session++;
         auto const served = std::make_shared<session>(id, loop, connection);
         std::weak_ptr<core> const weak = weak_from_this();
+        watch(*served);
         for (auto const& [name, handle] : requests::table()) {
             served->server.set_request_handler(
                 name, [weak, id, handle = handle](auto const& request, auto const& responder) {
@@ -94,17 +127,31 @@ public:
         });
         served->server.set_error_handler([weak, id](auto const& fault) {
             auto const self = weak.lock();
-            if (self && breaks_stream(fault->error)) {
-                self->drop(id);
+            if (!self) {
+                return;
+            }
+            auto const found = self->sessions.find(id);
+            if (found == self->sessions.end()) {
+                return;
+            }
+            if (auto const reason = drop_reason(fault->error, *found->second->connection)) {
+                self->drop(id, *reason);
             }
         });
         std::weak_ptr<session> const weak_session = served;
-        connection->set_receive_handler([weak_session](std::vector<unsigned char> const& bytes) {
-            // The strong copy keeps the server alive through its own dispatch.
-            if (auto const target = weak_session.lock()) {
+        connection->set_receive_handler(
+            [weak, weak_session](std::vector<unsigned char> const& bytes) {
+                // The strong copy keeps the server alive through its own dispatch.
+                auto const target = weak_session.lock();
+                if (!target) {
+                    return;
+                }
+                auto const before = target->server.buffered();
                 target->server.receive(bytes, false, receive_limit, receive_limit);
-            }
-        });
+                if (auto const self = weak.lock()) {
+                    self->watch_frame(*target, before, bytes.size());
+                }
+            });
         connection->set_state_handler([weak, id](state now) {
             auto const self = weak.lock();
             if (self && now == state::closed) {
@@ -112,12 +159,54 @@ public:
             }
         });
         sessions.emplace(id, served);
+        clients.verbose("accepted client " + std::to_string(id) + " (" + connection->get_name() +
+                        ")");
     }
 
-    bool drop(unsigned id) {
+    // The watches that drop a client that does not begin its handshake, or
+    // stalls in the middle of a frame.
+    void watch(session& served) {
+        auto const id = served.id;
+        auto const drop_later = [weak = weak_from_this(), id](std::string reason) {
+            return [weak, id, reason] {
+                if (auto const self = weak.lock()) {
+                    self->drop(id, reason);
+                }
+            };
+        };
+        served.handshake_watch = loop->create_timer();
+        served.handshake_watch->set_handler(drop_later(
+            "idle (no handshake within " + seconds_text(settings.handshake_timeout) + ")"));
+        served.handshake_watch->start(settings.handshake_timeout);
+        served.frame_watch = loop->create_timer();
+        served.frame_watch->set_handler(drop_later("idle (in the middle of a frame for " +
+                                                   seconds_text(settings.frame_timeout) + ")"));
+    }
+
+    // After `received` bytes went in on top of `before` held ones: the frame
+    // watch runs from the first byte of each incomplete frame.
+    void watch_frame(session& served, std::size_t before, std::size_t received) {
+        auto const after = served.server.buffered();
+        if (after == 0) {
+            served.frame_watch->stop();
+            served.frame_watched = false;
+        } else if (!served.frame_watched || after != before + received) {
+            served.frame_watch->start(settings.frame_timeout);
+            served.frame_watched = true;
+        }
+    }
+
+    // Closes the client's connection; with a reason, says why in the log,
+    // once.
+    bool drop(unsigned id, std::string const& reason = {}) {
         auto const found = sessions.find(id);
         if (found == sessions.end()) {
             return false;
+        }
+        auto const& connection = *found->second->connection;
+        if (!reason.empty() && connection.get_state() == state::connected) {
+            clients.dropped("dropped client " + std::to_string(id) + " (" + connection.get_name() +
+                            "): " + reason);
         }
         found->second->connection->close();
         return true;
@@ -133,6 +222,8 @@ public:
         auto ended = std::move(found->second);
         sessions.erase(found);
         ended->end();
+        clients.verbose("closed client " + std::to_string(id) + " (" +
+                        ended->connection->get_name() + ")");
         loop->post([ended] {});
     }
 
@@ -144,10 +235,18 @@ public:
         }
         auto const target = found->second;
         auto const body = parse_body(request);
-        if (log.size() == request_log_limit) {
-            log.pop_front();
+        record(id, request, body);
+        // The client has begun its handshake, whatever becomes of it.
+        if (target->handshake_watch && request.name == "hdshkStart") {
+            target->handshake_watch->stop();
+            target->handshake_watch.reset();
         }
-        log.push_back({id, request.name, body});
+        if ((holding || reply_delay.count() > 0) &&
+            target->waiting() >= settings.max_waiting_replies) {
+            drop(id,
+                 "too many waiting replies (" + std::to_string(settings.max_waiting_replies) + ")");
+            return;
+        }
         if (holding) {
             return target->hold(responder);
         }
@@ -168,6 +267,20 @@ public:
                                          stravik_part_payload::format::json);
         }
         target->answer_after(responder, reply, reply_delay);
+    }
+
+    void record(unsigned id, quorl_server::request_ctx const& request,
+                std::optional<json> const& body) {
+        if (log_budget == 0) {
+            return;
+        }
+        auto const size = request.name.size() + request.payload.size();
+        log.push_back({id, request.name, body, size});
+        logged_bytes += size;
+        while (logged_bytes > log_budget) {
+            logged_bytes -= log.front().size;
+            log.pop_front();
+        }
     }
 
     void on_status_change(std::string const& name, bt_ctrl::state status) {
@@ -222,7 +335,11 @@ public:
     utils::link status_link;
     std::map<unsigned, std::shared_ptr<session>> sessions;
     unsigned next_session = 1;
+    limits settings;
+    client_log clients;
     std::deque<received_request> log;
+    std::size_t log_budget = 0;
+    std::size_t logged_bytes = 0;
 
     unsigned refusals = 0;
     std::map<std::string, std::pair<ctrl_error, repeat>> failures;
@@ -260,6 +377,25 @@ sim::radio& controller::radio() const {
     return *self->radio;
 }
 
+void controller::set_limits(limits const& settings) {
+    self->settings = settings;
+}
+
+controller::limits const& controller::get_limits() const {
+    return self->settings;
+}
+
+void controller::set_log_handler(log_handler handler, bool verbose) {
+    self->clients.set_handler(std::move(handler), verbose);
+}
+
+void controller::keep_request_log(std::size_t max_bytes) {
+    self->log_budget = max_bytes;
+    if (max_bytes == 0) {
+        clear_requests();
+    }
+}
+
 std::size_t controller::session_count() const {
     return self->sessions.size();
 }
@@ -280,6 +416,7 @@ std::deque<controller::received_request> const& controller::requests() const {
 
 void controller::clear_requests() {
     self->log.clear();
+    self->logged_bytes = 0;
 }
 
 bool controller::set_interface_status(std::string const& name, bt_ctrl::state status) {

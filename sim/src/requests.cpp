@@ -32,13 +32,7 @@ outcome handshake_start(std::optional<json> const& body, context const& ctx) {
         }
     }
     ctx.handshake = {phase::started, "", body->value("clientID", "")};
-    json interfaces = json::object();
-    for (auto const& description : ctx.radio.interfaces()) {
-        interfaces[description.name] = wire::to_json(description);
-    }
-    return json{{"version", ctx.versions.version},
-                {"apiVersion", ctx.versions.api_version},
-                {"ifs", interfaces}};
+    return wire::handshake_reply(ctx.versions, ctx.radio.interfaces());
 }
 
 outcome handshake_finish(std::optional<json> const& body, context const& ctx) {

@@ -71,6 +71,11 @@ void session::release_held() {
 }
 
 void session::end() {
+    for (auto const& watch : {handshake_watch, frame_watch}) {
+        if (watch) {
+            watch->stop();
+        }
+    }
     for (auto& waiting : outbox) {
         if (waiting.timer) {
             waiting.timer->stop();

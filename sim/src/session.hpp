@@ -50,13 +50,21 @@ public:
     // Drops the held responders: the bus tells the client they went
     // unanswered.
     void release_held();
-    // Stops the delayed replies and drops everything held. Idempotent.
+    // Stops the delayed replies, the watches, and drops everything held.
+    // Idempotent.
     void end();
+    // Replies held unanswered or waiting behind a delayed one.
+    std::size_t waiting() const { return held.size() + outbox.size(); }
 
     unsigned const id;
     std::shared_ptr<utils::connection> const connection;
     quorl_server server;
     requests::handshake_state handshake;
+    // Fire when the client has not begun its handshake in time, or has stayed
+    // in the middle of a frame too long. Set by the controller.
+    std::shared_ptr<utils::timer> handshake_watch;
+    std::shared_ptr<utils::timer> frame_watch;
+    bool frame_watched = false;
 
 private:
     // A reply (with its responder) or an event, waiting for its turn.

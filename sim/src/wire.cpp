@@ -105,6 +105,17 @@ json to_json(interface_description const& description) {
             {"caps", to_json(description.caps)}};
 }
 
+json handshake_reply(version_info const& versions,
+                     std::vector<interface_description> const& interfaces) {
+    json described = json::object();
+    for (auto const& description : interfaces) {
+        described[description.name] = to_json(description);
+    }
+    return {{"version", versions.version},
+            {"apiVersion", versions.api_version},
+            {"ifs", std::move(described)}};
+}
+
 bt_ctrl::address read_address(json const& value, std::string const& path) {
     if (!value.is_object()) {
         fail(path, "expected an object with \"type\" and \"mac\"");

@@ -8,10 +8,12 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "tavrin/bt_ctrl/address.hpp"
 #include "tavrin/bt_ctrl/capabilities.hpp"
 #include "tavrin/bt_ctrl/interface.hpp"
+#include "tavrin/sim/config.hpp"
 #include "tavrin/sim/interface_description.hpp"
 
 namespace zelvo::tavrin::sim::wire {
@@ -23,6 +25,11 @@ nlohmann::json to_json(bt_ctrl::capabilities const& caps);
 // {"addr": ..., "vendor": ..., "part": ..., "caps": ...}; the name is the key
 // the caller files it under.
 nlohmann::json to_json(interface_description const& description);
+
+// The body of the reply to "hdshkStart": {"version", "apiVersion", "ifs":
+// {name: description}}.
+nlohmann::json handshake_reply(version_info const& versions,
+                               std::vector<interface_description> const& interfaces);
 
 [[noreturn]] void fail(std::string const& path, std::string const& problem);
 

@@ -113,6 +113,7 @@ protected:
         ctl = std::make_unique<sim::controller>(
             loop, radio ? radio : std::make_shared<sim::simulated_radio>(settings),
             settings.versions);
+        ctl->keep_request_log(1 << 20);
         listening = loop->listen(host, port, ctl->accept_handler());
         return *ctl;
     }

@@ -61,9 +61,9 @@ public:
     }
     void send_payload(std::string const& name, quorl_utils::payload const& body,
                       std::chrono::seconds timeout = 0s) {
-        bus.send(
+        sent.push_back(bus.send(
             {name, body}, [this](auto const& reply) { replies.push_back(outcome(*reply)); }, true,
-            timeout);
+            timeout));
     }
     // Sends, runs the loop dry and returns the outcome.
     std::string ask(std::string const& name, json const& body = json::object()) {
@@ -78,8 +78,17 @@ public:
         return ask("hdshkFinish", name.empty() ? json() : json{{"if", name}});
     }
 
+    // Requests still waiting get their outcome after the bus has gone, on a
+    // later turn: by then nobody must hear it.
+    ~client() {
+        for (auto& request : sent) {
+            request.release();
+        }
+    }
+
     std::shared_ptr<adapters::test_loop> loop;
     std::shared_ptr<utils::tcp_connection> link = loop->create_tcp_connection();
+    std::vector<quorl_utils::link> sent;
     quorl bus{loop, [this](std::vector<unsigned char> const& bytes) { return link->send(bytes); }};
     strings replies, events;
     bool closed = false;
@@ -87,6 +96,7 @@ public:
 
 class SimTest : public ::testing::Test {
 protected:
+    void SetUp() override { ctl->keep_request_log(1 << 20); }
     std::unique_ptr<client> connect() { return std::make_unique<client>(loop, port); }
 
     static constexpr unsigned short port = 7100;

@@ -24,6 +24,10 @@ struct version_info {
 };
 
 struct config {
+    // The largest message, header included, that a client takes and that
+    // the controller takes from a client.
+    static constexpr unsigned max_message = 524288;
+
     struct interface {
         interface_description description;
         bt_ctrl::state status = bt_ctrl::state::enabled;  // at start
@@ -50,7 +54,8 @@ struct config {
 
     // Throws runtime_error unless there is at least one interface, names are
     // non-empty and unique, every address is a valid public or random one,
-    // and default_interface names one of them.
+    // default_interface names one of them, and the handshake's reply fits in
+    // max_message.
     void check() const;
 };
 

@@ -16,6 +16,15 @@
 // The fault API changes how the controller behaves from the next request,
 // connection or status change on; settings are data so that a control
 // channel can drive them as well.
+//
+// Whatever one client sends, what the controller holds for it is bounded:
+// one message and the bytes of an incomplete frame by config::max_message;
+// its unread replies by the connection's high-water mark (a write refused
+// drops the client as a slow reader); the sessions by limits::max_sessions;
+// a client that has not begun its handshake, or that stays in the middle of a
+// frame, by the timeouts of `limits`; the request log by its own bound, and
+// only when a test asks for it. Each dropped client gets a log line that says
+// why.
 #pragma once
 
 #include <chrono>
@@ -40,6 +49,20 @@ namespace zelvo::tavrin::sim {
 class controller {
 public:
     using connection_handler = std::function<void(std::shared_ptr<utils::connection> const&)>;
+    using log_handler = std::function<void(std::string const&)>;
+
+    // What one client may make the controller hold, and for how long.
+    struct limits {
+        // Connections beyond this many live sessions are closed at once.
+        std::size_t max_sessions = 32;
+        // A session that has not sent a "hdshkStart" by then is dropped.
+        std::chrono::seconds handshake_timeout{10};
+        // A session that has held an incomplete frame that long is dropped.
+        std::chrono::seconds frame_timeout{10};
+        // Requests held unanswered (stop_answering) or behind a delayed reply
+        // (delay_replies) for one session; one more drops the session.
+        std::size_t max_waiting_replies = 4096;
+    };
 
     // How long an injected fault stays: for the next matching request only,
     // or until cleared.
@@ -55,6 +78,7 @@ public:
         unsigned session;
         std::string name;
         std::optional<nlohmann::json> body;  // empty when it was not JSON
+        std::size_t size;                    // of the name and body on the wire
     };
 
     controller(std::shared_ptr<utils::event_loop> loop, std::shared_ptr<sim::radio> radio,
@@ -76,14 +100,27 @@ public:
 
     sim::radio& radio() const;
 
+    // Apply to sessions accepted from now on; max_sessions at once.
+    void set_limits(limits const& settings);
+    limits const& get_limits() const;
+
+    // One line per dropped client, with the reason: malformed frame,
+    // oversized message, slow reader, idle, too many sessions, too many
+    // waiting replies. At most ten such lines a second; the rest are counted
+    // in one line when the second is over. With `verbose`, also a line per
+    // accepted and per closed client. Lines have no newline.
+    void set_log_handler(log_handler handler, bool verbose = false);
+
     // Introspection, for tests.
     std::size_t session_count() const;
     // In order of acceptance.
     std::vector<session_info> sessions() const;
-    // The requests received since the last clear, in order of arrival, held
-    // and refused ones included; only the latest request_log_limit are kept,
-    // so that a long-running controller does not grow without bound.
-    static constexpr std::size_t request_log_limit = 10000;
+    // The request log, for tests: off until a bound is given. It then keeps
+    // the requests received since, in order of arrival, held and refused
+    // ones included, and forgets the oldest when their names and bodies
+    // together would take more than `max_bytes` on the wire (a parsed body
+    // takes a few times its wire size). 0 turns the log off and empties it.
+    void keep_request_log(std::size_t max_bytes);
     std::deque<received_request> const& requests() const;
     void clear_requests();
 
