@@ -12,13 +12,13 @@ embedded_sim::embedded_sim(std::shared_ptr<adapters::asio_loop> const& loop, end
     default_name = settings.default_interface;
     ctrl = std::make_unique<sim::controller>(loop, settings);
     try {
-        listener = adapters::asio_listener::create(loop, where.address, where.port,
-                                                   ctrl->accept_handler());
+        accepting = adapters::asio_listener::create(loop, where.address, where.port,
+                                                    ctrl->accept_handler());
     } catch (std::exception const& failure) {
         throw std::runtime_error("cannot listen at " + where.to_string() + ": " + failure.what());
     }
     bound = where;
-    bound.port = listener->port();
+    bound.port = accepting->port();
 }
 
 endpoint embedded_sim::address() const {

@@ -24,12 +24,13 @@ public:
 
     endpoint address() const;
     sim::controller& controller() { return *ctrl; }
+    adapters::asio_listener& listener() { return *accepting; }
     std::string const& default_interface() const { return default_name; }
 
 private:
     std::string default_name;
     std::unique_ptr<sim::controller> ctrl;
-    std::shared_ptr<adapters::asio_listener> listener;
+    std::shared_ptr<adapters::asio_listener> accepting;
     endpoint bound;
 };
 

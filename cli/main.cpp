@@ -52,13 +52,20 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", version::get_string());
 
     std::string listen = cli::default_endpoint;
-    std::optional<std::string> sim_config;
+    cli::sim_options sim_options;
     auto* sim = app.add_subcommand("sim", "Run a simulated controller until interrupted");
     sim->add_option("--listen", listen, "ADDR:PORT to listen at")
         ->check(check_endpoint)
         ->capture_default_str();
-    sim->add_option("--config", sim_config, "Configuration file (default: one capable interface)")
+    sim->add_option("--config", sim_options.config_file,
+                    "Configuration file (default: one capable interface)")
         ->check(CLI::ExistingFile);
+    sim->add_option("--max-sessions", sim_options.max_sessions,
+                    "Clients served at once; more are refused")
+        ->check(CLI::Range(1, 100000))
+        ->capture_default_str();
+    sim->add_flag("--verbose", sim_options.verbose,
+                  "Tell of each client accepted and closed, besides those dropped");
 
     cli::run_options info_options;
     std::optional<std::string> info_ctrl;
@@ -77,7 +84,8 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
 
     if (sim->parsed()) {
-        return cli::run_sim(cli::endpoint::parse(listen), sim_config, std::cout, std::cerr);
+        sim_options.listen = cli::endpoint::parse(listen);
+        return cli::run_sim(sim_options, std::cout, std::cerr);
     }
     auto const client_command = [](cli::run_options options, std::optional<std::string> const& ctrl,
                                    std::optional<std::string> const& config) {

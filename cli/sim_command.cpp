@@ -9,8 +9,7 @@
 
 namespace zelvo::tavrin::cli {
 
-int run_sim(endpoint const& listen, std::optional<std::string> const& config_file,
-            std::ostream& out, std::ostream& err) {
+int run_sim(sim_options const& options, std::ostream& out, std::ostream& err) {
     try {
         asio::io_context io;
         auto const loop = adapters::asio_loop::create(io);
@@ -24,7 +23,19 @@ int run_sim(endpoint const& listen, std::optional<std::string> const& config_fil
                 err << "tavrin sim: unknown failure\n";
             }
         });
-        embedded_sim sim(loop, listen, config_file);
+        embedded_sim sim(loop, options.listen, options.config_file);
+        auto limits = sim.controller().get_limits();
+        limits.max_sessions = options.max_sessions;
+        sim.controller().set_limits(limits);
+        sim.controller().set_log_handler(
+            [&out](std::string const& line) { out << "tavrin sim: " << line << std::endl; },
+            options.verbose);
+        // The listener waits longer after each failure in a row, up to a
+        // second, so these lines can't flood.
+        sim.listener().set_error_handler([&out](std::error_code const& ec) {
+            out << "tavrin sim: cannot accept a client: " << ec.message() << " (trying again)"
+                << std::endl;
+        });
         asio::signal_set signals(io, SIGINT, SIGTERM);
         signals.async_wait([&io](asio::error_code const&, int) { io.stop(); });
         out << "simulated controller listening at " << sim.address().to_string()

@@ -1,0 +1,113 @@
+// `tavrin sim` in a child process of the test, with its output in a file and
+// optionally fewer file descriptors than usual, and what the kernel can tell
+// of it: CPU time and peak memory. Killed with the object.
+#pragma once
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zelvo::tavrin::testing {
+
+class sim_process {
+public:
+    // Runs `command sim --listen 127.0.0.1:PORT` and the extra arguments;
+    // `max_files` > 0 lowers the child's limit of open files first.
+    sim_process(std::string const& command, unsigned short port,
+                std::vector<std::string> const& extra, rlim_t max_files = 0)
+        : log_path(::testing::TempDir() + "tavrin-sim-" + std::to_string(getpid()) + "-" +
+                   std::to_string(port)) {
+        std::vector<std::string> args = {command, "sim", "--listen",
+                                         "127.0.0.1:" + std::to_string(port)};
+        args.insert(args.end(), extra.begin(), extra.end());
+        std::vector<char*> argv;
+        for (auto& arg : args) {
+            argv.push_back(arg.data());
+        }
+        argv.push_back(nullptr);
+        std::FILE* const log = std::fopen(log_path.c_str(), "w");
+        pid = fork();
+        if (pid == 0) {
+            if (max_files > 0) {
+                rlimit const limit{max_files, max_files};
+                setrlimit(RLIMIT_NOFILE, &limit);
+            }
+            dup2(fileno(log), 1);
+            dup2(fileno(log), 2);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        std::fclose(log);
+        listening = wait_for("listening at 127.0.0.1:" + std::to_string(port));
+    }
+    sim_process(sim_process const&) = delete;
+    sim_process& operator=(sim_process const&) = delete;
+    ~sim_process() {
+        if (pid > 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+        std::remove(log_path.c_str());
+    }
+
+    std::string output() const {
+        std::ifstream file(log_path);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    // Waits up to 20 s for the text to appear in the output.
+    bool wait_for(std::string const& text) const {
+        auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (output().find(text) == std::string::npos) {
+            if (std::chrono::steady_clock::now() > deadline || !alive()) {
+                return output().find(text) != std::string::npos;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return true;
+    }
+    bool alive() const { return pid > 0 && waitpid(pid, nullptr, WNOHANG) == 0; }
+
+    // User and system time so far.
+    std::chrono::milliseconds cpu_time() const {
+        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+        std::string const text(std::istreambuf_iterator<char>(stat), {});
+        // Fields 14 and 15, counted after the command name in parentheses.
+        std::istringstream fields(text.substr(text.rfind(')') + 2));
+        std::string skip;
+        for (int i = 3; i < 14; ++i) {
+            fields >> skip;
+        }
+        long user = 0, system = 0;
+        fields >> user >> system;
+        return std::chrono::milliseconds((user + system) * 1000 / sysconf(_SC_CLK_TCK));
+    }
+    // The peak resident memory so far, in kB.
+    long peak_memory_kb() const {
+        std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+        std::string line;
+        while (std::getline(status, line)) {
+            if (line.rfind("VmHWM:", 0) == 0) {
+                return std::stol(line.substr(6));
+            }
+        }
+        return -1;
+    }
+
+    bool listening = false;
+
+private:
+    std::string log_path;
+    pid_t pid = 0;
+};
+
+}  // namespace zelvo::tavrin::testing
