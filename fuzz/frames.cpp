@@ -1,4 +1,4 @@
-// Feeds arbitrary bytes to the frame decoder and to both bus endpoints.
+// Mode 'f': arbitrary bytes to the frame decoder and to both bus endpoints.
 //
 // Two properties are checked beyond "no crash, no sanitizer report":
 // decoding the input in one chunk and in chunks of a size taken from the
@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "frame_reader.hpp"
+#include "modes.hpp"
 #include "quorl/quorl.hpp"
 #include "quorl/server.hpp"
 
@@ -121,9 +122,9 @@ void feed(Endpoint& endpoint, fuzz_loop& loop, std::uint8_t const* data, std::si
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+int fuzz_frames(std::uint8_t const* data, std::size_t size) {
     if (size == 0) {
-        return 0;
+        return -1;
     }
     std::size_t const chunk = data[0] % 31 + 1;
     ++data;
