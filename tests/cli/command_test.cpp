@@ -35,10 +35,12 @@ struct finished_run {
 
 // Runs the command with `args`, split as the shell splits them, to its end,
 // with output files of this process's own: test programs may run side by side.
+// A run that does not end by itself is killed after 20 s.
 finished_run run(std::string const& args) {
     auto const out = ::testing::TempDir() + "tavrin-" + std::to_string(getpid());
     auto const err = out + "-err";
-    int const status = std::system((command + " " + args + " >" + out + " 2>" + err).c_str());
+    int const status = std::system(
+        ("timeout -s KILL 20 " + command + " " + args + " >" + out + " 2>" + err).c_str());
     auto const slurp = [](std::string const& path) {
         std::ifstream file(path);
         std::string const text(std::istreambuf_iterator<char>(file), {});
@@ -231,8 +233,7 @@ TEST(Command, AFailedRunNamesItsLastCause) {
 
 // info against a simulator in another process, and demo against the one it
 // embeds, run to their end. A failure is told once, on standard error, with
-// exit code 1; bad arguments, a controller's address among them, are refused
-// before anything runs.
+// exit code 1.
 TEST(Command, EachRunEndsWithItsOutcomeTold) {
     auto const port = free_port();
     simulator sim(port);
@@ -241,7 +242,7 @@ TEST(Command, EachRunEndsWithItsOutcomeTold) {
     std::string const answered = "tavrin: no controller answered at ";
     struct {
         std::string args;
-        int exit_code;                 // -1: refused by the argument parser
+        int exit_code;
         std::vector<char const*> out;  // each somewhere in standard output
         std::string err;
     } const cases[] = {
@@ -269,21 +270,67 @@ TEST(Command, EachRunEndsWithItsOutcomeTold) {
          1,
          {},
          "tavrin: the controller reports interface \"hci1\" as disabled\n"},
-        {"info --ctrl localhost", -1, {}, ""},
-        {"info --ctrl :80", -1, {}, ""},
-        {"info --ctrl 127.0.0.1:80x", -1, {}, ""},
-        {"info --ctrl 127.0.0.1:65536", -1, {}, ""},
-        {"info --time-limit 0", -1, {}, ""},
-        {"info --ctrl 127.0.0.1:1 --config " + config, -1, {}, ""},
     };
     for (auto const& [args, exit_code, out, err] : cases) {
         auto const result = run(args);
-        if (exit_code < 0) {
-            EXPECT_GT(result.exit_code, 1) << args;  // neither a success nor a run's failure
-            continue;
-        }
         EXPECT_EQ(result.exit_code, exit_code) << args;
         EXPECT_EQ(result.err, err) << args;
+        for (auto const text : out) {
+            EXPECT_NE(result.out.find(text), std::string::npos) << text << "\n" << result.out;
+        }
+    }
+}
+
+// Bad arguments are refused before anything runs, each with what is wrong
+// (CLI11's exit codes, above 100); help shows the defaults.
+TEST(Command, ArgumentsAreCheckedBeforeAnythingRuns) {
+    std::string const config = TAVRIN_SOURCE_DIR "/sim/example-config.json";
+    std::string const digits = "\": a port is a number from 0 to 65535, in decimal digits";
+    struct {
+        std::string args;
+        std::string err;  // somewhere in standard error
+    } const refused[] = {
+        {"bogus", "unknown subcommand \"bogus\" (the subcommands are sim, info, demo)"},
+        {"", "A subcommand is required"},
+        {"info bogus", "not expected: bogus"},
+        {"info --time-limit abc", "--time-limit: \"abc\" is not a whole number"},
+        {"info --time-limit 1.5", "--time-limit: \"1.5\" is not a whole number"},
+        {"info --time-limit=-3", "--time-limit: \"-3\" is not a whole number"},
+        {"info --time-limit 0", "--time-limit: Value 0 not in range 1 to 3600"},
+        {"sim --max-sessions x", "--max-sessions: \"x\" is not a whole number"},
+        {"sim --listen '127.0.0.1: 17451'",
+         "--listen: bad port \" 17451\" in \"127.0.0.1: 17451" + digits},
+        {"sim --listen 127.0.0.1:+17452",
+         "--listen: bad port \"+17452\" in \"127.0.0.1:+17452" + digits},
+        {"sim --listen '127.0.0.1:17453 '", "bad port \"17453 \""},
+        {"sim --listen 127.0.0.1:99999999999999999999", "bad port \"99999999999999999999\""},
+        {"info --ctrl 127.0.0.1:0x10", "--ctrl: bad port \"0x10\" in \"127.0.0.1:0x10" + digits},
+        {"info --ctrl 127.0.0.1:65536", "bad port \"65536\""},
+        {"info --ctrl 127.0.0.1:0",
+         "--ctrl: port 0 in \"127.0.0.1:0\": a controller's port is 1 to 65535"},
+        {"info --ctrl localhost", "--ctrl: expected ADDR:PORT, got \"localhost\""},
+        {"info --ctrl :80", "--ctrl: bad IP address \"\" in \":80\""},
+        {"info --ctrl 127.0.0.1:1 --config " + config, "--ctrl excludes --config"},
+    };
+    for (auto const& [args, err] : refused) {
+        auto const result = run(args);
+        EXPECT_GT(result.exit_code, 100) << args;
+        EXPECT_NE(result.err.find(err), std::string::npos) << args << "\n" << result.err;
+        EXPECT_EQ(result.out, "") << args;
+    }
+    struct {
+        std::string args;
+        std::vector<char const*> out;  // each somewhere in standard output
+    } const helps[] = {
+        {"--help", {"SUBCOMMAND", "sim ", "info ", "demo "}},
+        {"info --help", {"--time-limit SECONDS:INT in [1 - 3600]=10", "--ctrl ADDR:PORT"}},
+        {"demo --help", {"--time-limit SECONDS:INT in [1 - 3600]=10"}},
+        {"sim --help",
+         {"--listen ADDR:PORT=127.0.0.1:7410", "--max-sessions COUNT:INT in [1 - 100000]=3"}},
+    };
+    for (auto const& [args, out] : helps) {
+        auto const result = run(args);
+        EXPECT_EQ(result.exit_code, 0) << args;
         for (auto const text : out) {
             EXPECT_NE(result.out.find(text), std::string::npos) << text << "\n" << result.out;
         }
