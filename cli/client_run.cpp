@@ -159,7 +159,7 @@ private:
         }
         greeted = true;
         if (shown) {
-            return finish(ctx);
+            return bind_interface(ctx);
         }
         shown = true;
         out << "controller    version " << version_text(ctx->get_app_version()) << ", API "
@@ -170,10 +170,10 @@ private:
             out << "capabilities of " << name << '\n';
             print_capabilities(out, description.caps, "  ");
         }
-        finish(ctx);
+        bind_interface(ctx);
     }
 
-    void finish(std::shared_ptr<bt_ctrl::handshake_ctx> const& ctx) {
+    void bind_interface(std::shared_ptr<bt_ctrl::handshake_ctx> const& ctx) {
         auto const& wanted = options.interface;
         if (!wanted.empty() && !ctx->get_interfaces().count(wanted)) {
             return fail("the controller has no interface \"" + wanted + "\"");

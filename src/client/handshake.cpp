@@ -113,25 +113,25 @@ tavrin::bt_ctrl::capabilities to_capabilities(reply_reader const& reader, json c
                                               std::string const& path) {
     namespace keys = capability_keys;
     auto const& caps = reader.at(object, path, "caps");
-    auto const at = path + "caps/";
+    auto const place = path + "caps/";
     if (!caps.is_object()) {
         reader.fail("'" + path + "caps' is not an object");
     }
     tavrin::bt_ctrl::capabilities result;
-    result.maxTxPower = reader.read<signed char>(caps, at, "maxTxPower");
-    result.maxMtuSize = reader.read<unsigned short>(caps, at, "maxMtuSize");
+    result.maxTxPower = reader.read<signed char>(caps, place, "maxTxPower");
+    result.maxMtuSize = reader.read<unsigned short>(caps, place, "maxMtuSize");
     for (auto const& [key, field] : keys::flags) {
-        result.*field = reader.read<bool>(caps, at, key);
+        result.*field = reader.read<bool>(caps, place, key);
     }
     for (auto const& [key, field] : keys::value_lengths) {
-        result.*field = reader.read<unsigned short>(caps, at, key);
+        result.*field = reader.read<unsigned short>(caps, place, key);
     }
-    result.addrTypes = reader.read<json::array_t>(caps, at, "addrTypes", "a list of words",
+    result.addrTypes = reader.read<json::array_t>(caps, place, "addrTypes", "a list of words",
                                                   wire_values::to_address_types);
     for (auto const& [key, field, feature] : keys::phy_lists) {
         if (result.*feature) {
-            result.*field =
-                reader.read<json::array_t>(caps, at, key, "a list of words", wire_values::to_phys);
+            result.*field = reader.read<json::array_t>(caps, place, key, "a list of words",
+                                                       wire_values::to_phys);
         }
     }
     return result;
