@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -92,8 +93,8 @@ private:
 };
 
 // A controller written by hand, on a thread of its own, for what `tavrin sim`
-// never does: it answers each "hdshkStart" with `reply` as JSON text, or with
-// none closes the link before any reply. With `then_sim`, it does so once and
+// never does: it answers each "hdshkStart" with `reply` as JSON text, never
+// for "", or with none closes the link before any reply. With `then_sim`, it does so once and
 // then passes each later connection on to a `tavrin sim`.
 class fake_controller {
 public:
@@ -139,6 +140,12 @@ private:
                 if (!reply) {
                     return end->close();
                 }
+                if (reply->empty()) {
+                    // Kept, since one let go answers with an error.
+                    unanswered.push_back(
+                        std::make_shared<std::decay_t<decltype(responder)>>(responder));
+                    return;
+                }
                 responder.reply(
                     quorl_utils::payload(std::vector<unsigned char>(reply->begin(), reply->end()),
                                          stravik_part_payload::format::json));
@@ -179,6 +186,7 @@ private:
     // The servers go before the connections they write to.
     std::vector<std::shared_ptr<utils::connection>> connections;
     std::vector<std::shared_ptr<quorl_server>> servers;
+    std::vector<std::shared_ptr<void>> unanswered;
     std::thread running;
 };
 
@@ -198,6 +206,7 @@ TEST(Command, AFailedRunNamesItsLastCause) {
         R"({"version": "1", "apiVersion": "1", "ifs": {"hci0": {"vendor": "v", "part": "p",
             "caps": {"maxTxPower": 0, "maxMtuSize": "big"}}}})");
     auto const not_json = std::make_unique<fake_controller>("{\"version\": ");
+    auto const silent = std::make_unique<fake_controller>("");
     struct {
         unsigned short port;
         std::string limit;
@@ -214,6 +223,10 @@ TEST(Command, AFailedRunNamesItsLastCause) {
              " within 3 s (last attempt: closed during the handshake)\n",
          ""},
         {answering_later->port, "15", 0, "", "bound         hci0"},
+        {silent->port, "2", 1,
+         answered + std::to_string(silent->port) +
+             " within 2 s (last attempt: no handshake reply)\n",
+         ""},
         {bad_version->port, "10", 1, malformed + "'version' is not a string\n", ""},
         {bad_caps->port, "10", 1, malformed + "'ifs/hci0/caps/maxMtuSize' is not a number\n", ""},
         {not_json->port, "10", 1, malformed + "it is not JSON nested at most 64 levels deep\n", ""},
