@@ -1,5 +1,6 @@
 #include "client_run.hpp"
 
+#include <chrono>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -8,14 +9,18 @@
 #include <asio.hpp>
 
 #include "embedded_sim.hpp"
+#include "link_watch.hpp"
 #include "report.hpp"
 #include "tavrin/adapters/asio.hpp"
 #include "tavrin/bt_ctrl.hpp"
+#include "tavrin/error.hpp"
 #include "tavrin/version.hpp"
 
 namespace zelvo::tavrin::cli {
 
 namespace {
+
+constexpr std::chrono::seconds retry_pause{1};
 
 char const* level_word(bt_ctrl::log_level level) {
     switch (level) {
@@ -36,7 +41,7 @@ char const* level_word(bt_ctrl::log_level level) {
 class flow {
 public:
     flow(run_options const& options, std::ostream& out, std::ostream& err)
-        : options(options), out(out), err(err), deadline(io) {}
+        : options(options), out(out), err(err), deadline(io), pause(io) {}
 
     int run() {
         loop = adapters::asio_loop::create(io);
@@ -48,7 +53,8 @@ public:
             target = sim->address();
             say("started a simulated controller at " + target.to_string());
         }
-        client = create_bt_ctrl(loop, std::nullopt, target.address, target.port);
+        watch = std::make_shared<link_watch>(loop);
+        client = create_bt_ctrl(watch, std::nullopt, target.address, target.port);
         if (options.demo || options.verbose) {
             logs = client->set_log_handler(
                 [this](bt_ctrl::log_level level, std::string const& line) {
@@ -65,14 +71,14 @@ public:
             }
             auto const limit = std::to_string(options.time_limit.count()) + " s";
             if (!greeted) {
-                return fail("no controller answered at " + target.to_string() + " within " + limit);
+                auto const cause = watch->last_attempt();
+                return fail("no controller answered at " + target.to_string() + " within " + limit +
+                            (cause.empty() ? "" : " (last attempt: " + cause + ")"));
             }
             fail("no answer within " + limit + " (waiting for " + waiting_for + ")");
         });
         say("enable(): connecting to the controller at " + target.to_string());
-        waiting_for = "the controller's handshake";
-        enabling = client->enable([this](std::shared_ptr<bt_ctrl::handshake_ctx> const& ctx,
-                                         std::error_code const& ec) { on_handshake(ctx, ec); });
+        enable();
         try {
             io.run();
         } catch (std::exception const& failure) {
@@ -81,6 +87,7 @@ public:
         }
         // Whatever is still pending hears of the client's end; nobody listens.
         finished = true;
+        pause.cancel();
         enabling.release();
         states.release();
         failures.release();
@@ -114,12 +121,47 @@ private:
         finish_run(1);
     }
 
+    void enable() {
+        waiting_for = "the controller's handshake";
+        enabling = client->enable([this](std::shared_ptr<bt_ctrl::handshake_ctx> const& ctx,
+                                         std::error_code const& ec) { on_handshake(ctx, ec); });
+    }
+
+    // A link lost during the handshake is tried again, as the client tries
+    // a refused connect again, until the time limit: after a pause, from a
+    // disabled client, so that the next handshake comes to us.
+    bool retry_lost_link(std::error_code const& ec) {
+        if (ec != make_error_code(error::bt_ctrl::operation_aborted)) {
+            return false;
+        }
+        greeted = false;
+        say("the link was lost during the handshake; trying again");
+        pause.expires_after(retry_pause);
+        pause.async_wait([this](asio::error_code const& waited) {
+            if (waited || finished) {
+                return;
+            }
+            restarting = true;
+            client->disable();
+            restarting = false;
+            enable();
+        });
+        return true;
+    }
+
     void on_handshake(std::shared_ptr<bt_ctrl::handshake_ctx> const& ctx,
                       std::error_code const& ec) {
+        if (retry_lost_link(ec)) {
+            return;
+        }
         if (ec) {
             return fail("handshake failed: " + ec.message());
         }
         greeted = true;
+        if (shown) {
+            return bind_interface(ctx);
+        }
+        shown = true;
         out << "controller    version " << version_text(ctx->get_app_version()) << ", API "
             << version_text(ctx->get_api_version()) << '\n';
         out << "interfaces\n";
@@ -128,6 +170,10 @@ private:
             out << "capabilities of " << name << '\n';
             print_capabilities(out, description.caps, "  ");
         }
+        bind_interface(ctx);
+    }
+
+    void bind_interface(std::shared_ptr<bt_ctrl::handshake_ctx> const& ctx) {
         auto const& wanted = options.interface;
         if (!wanted.empty() && !ctx->get_interfaces().count(wanted)) {
             return fail("the controller has no interface \"" + wanted + "\"");
@@ -136,6 +182,9 @@ private:
                            : "finish(\"" + wanted + "\")");
         waiting_for = "the interface to be bound";
         ctx->finish(wanted, [this](std::string const& name, std::error_code const& ec2) {
+            if (retry_lost_link(ec2)) {
+                return;
+            }
             if (ec2) {
                 return fail("binding the interface failed: " + ec2.message());
             }
@@ -146,6 +195,9 @@ private:
     }
 
     void on_state(bt_ctrl::state state) {
+        if (restarting) {
+            return;
+        }
         say("state: " + bt_ctrl::to_string(state));
         if (state == bt_ctrl::state::disabled) {
             if (stopping) {
@@ -186,7 +238,9 @@ private:
     std::ostream& err;
     asio::io_context io;
     asio::steady_timer deadline;
+    asio::steady_timer pause;
     std::shared_ptr<adapters::asio_loop> loop;
+    std::shared_ptr<link_watch> watch;
     std::optional<embedded_sim> sim;
     std::shared_ptr<bt_ctrl> client;
     utils::scoped_link logs;
@@ -198,6 +252,9 @@ private:
     unsigned enabled_count = 0;
     bool stopping = false;
     bool greeted = false;
+    // The controller's versions and interfaces are shown once, whatever the retries.
+    bool shown = false;
+    bool restarting = false;
     bool finished = false;
     int result = 1;
 };

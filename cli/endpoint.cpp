@@ -13,16 +13,20 @@ endpoint endpoint::parse(std::string const& text) {
     if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
         host = host.substr(1, host.size() - 2);
     }
+    // Digits only: what stoul would also take (a sign, blanks, "0x") is
+    // refused.
     auto const port_text = text.substr(colon + 1);
-    std::size_t used = 0;
     unsigned long port = 0;
-    try {
-        port = std::stoul(port_text, &used);
-    } catch (std::exception const&) {
-        used = 0;
+    for (auto const c : port_text) {
+        if (c < '0' || c > '9' || port > 65535) {
+            port = 65536;
+            break;
+        }
+        port = port * 10 + static_cast<unsigned long>(c - '0');
     }
-    if (used != port_text.size() || port > 65535) {
-        throw std::invalid_argument("bad port \"" + port_text + "\" in \"" + text + "\"");
+    if (port > 65535) {
+        throw std::invalid_argument("bad port \"" + port_text + "\" in \"" + text +
+                                    "\": a port is a number from 0 to 65535, in decimal digits");
     }
     endpoint result;
     try {

@@ -12,8 +12,9 @@ struct endpoint {
     utils::ip_address address;
     unsigned short port = 0;
 
-    // Throws invalid_argument with a message fit for the user. Port 0 is
-    // accepted: a listener then picks a free port.
+    // Throws invalid_argument with a message fit for the user. The port is
+    // decimal digits only. Port 0 is accepted: a listener then picks a free
+    // port.
     static endpoint parse(std::string const& text);
     std::string to_string() const;
 };

@@ -1,5 +1,7 @@
 // tavrin: the command-line tool. Without --ctrl, every command runs against a
 // simulated controller inside this process.
+#include <algorithm>
+#include <exception>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -15,14 +17,51 @@ using namespace zelvo::tavrin;
 
 namespace {
 
-// A CLI11 check that reports a malformed ADDR:PORT at parse time.
-std::string check_endpoint(std::string const& text) {
-    try {
-        cli::endpoint::parse(text);
+// A CLI11 check that reports a malformed ADDR:PORT at parse time; a
+// controller is never at port 0.
+CLI::Validator endpoint_check(bool any_port) {
+    return CLI::Validator(
+        [any_port](std::string& text) -> std::string {
+            try {
+                if (cli::endpoint::parse(text).port == 0 && !any_port) {
+                    return "port 0 in \"" + text + "\": a controller's port is 1 to 65535";
+                }
+                return {};
+            } catch (std::exception const& failure) {
+                return failure.what();
+            }
+        },
+        "");
+}
+
+// A CLI11 check that comes before a range: decimal digits, so that "abc" or
+// "1.5" is refused for what it is.
+CLI::Validator const whole_number(
+    [](std::string& text) -> std::string {
+        auto const digit = [](char c) { return c >= '0' && c <= '9'; };
+        if (text.empty() || !std::all_of(text.begin(), text.end(), digit)) {
+            return "\"" + text + "\" is not a whole number";
+        }
         return {};
-    } catch (std::exception const& failure) {
-        return failure.what();
+    },
+    "");
+
+// CLI11's message, except that a word where a subcommand should be is named
+// as an unknown subcommand, with the known ones.
+std::string failure_message(CLI::App const* app, CLI::Error const& failure) {
+    auto const left = app->remaining();
+    // remaining() holds what no option or subcommand took; no subcommand was
+    // chosen, and the first word left is no option.
+    if (dynamic_cast<CLI::RequiredError const*>(&failure) && !left.empty() &&
+        left.front().rfind('-', 0) != 0 && app->get_subcommands().empty()) {
+        std::string known;
+        for (auto const* command : app->get_subcommands({})) {
+            known += (known.empty() ? "" : ", ") + command->get_name();
+        }
+        return "unknown subcommand \"" + left.front() + "\" (the subcommands are " + known +
+               ")\nRun with --help for more information.\n";
     }
+    return CLI::FailureMessage::simple(app, failure);
 }
 
 void add_client_options(CLI::App& command, std::optional<std::string>& ctrl,
@@ -31,15 +70,20 @@ void add_client_options(CLI::App& command, std::optional<std::string>& ctrl,
         command
             .add_option("--ctrl", ctrl,
                         "Controller ADDR:PORT (default: a simulated one in this process)")
-            ->check(check_endpoint);
+            ->type_name("ADDR:PORT")
+            ->check(endpoint_check(false));
     command.add_option("--config", config, "Simulator configuration file (without --ctrl)")
         ->check(CLI::ExistingFile)
         ->excludes(ctrl_option);
-    command.add_option("--interface", options.interface,
-                       "Interface to bind (default: the controller's choice)");
+    command
+        .add_option("--interface", options.interface,
+                    "Interface to bind (default: the controller's choice)")
+        ->type_name("NAME");
     command.add_option("--time-limit", options.time_limit, "Give up after this many seconds")
+        ->type_name("SECONDS")
+        ->check(whole_number)
         ->check(CLI::Range(1, 3600))
-        ->capture_default_str();
+        ->default_str(std::to_string(options.time_limit.count()));
     command.add_flag("--verbose", options.verbose, "Show the library's log lines");
 }
 
@@ -49,19 +93,23 @@ int main(int argc, char** argv) {
     CLI::App app{"tavrin " + version::get_string() +
                  ": Bluetooth Low Energy through a controller service"};
     app.require_subcommand(1);
+    app.failure_message(failure_message);
     app.set_version_flag("--version", version::get_string());
 
     std::string listen = cli::default_endpoint;
     cli::sim_options sim_options;
     auto* sim = app.add_subcommand("sim", "Run a simulated controller until interrupted");
-    sim->add_option("--listen", listen, "ADDR:PORT to listen at")
-        ->check(check_endpoint)
+    sim->add_option("--listen", listen, "ADDR:PORT to listen at (port 0: any free one)")
+        ->type_name("ADDR:PORT")
+        ->check(endpoint_check(true))
         ->capture_default_str();
     sim->add_option("--config", sim_options.config_file,
                     "Configuration file (default: one capable interface)")
         ->check(CLI::ExistingFile);
     sim->add_option("--max-sessions", sim_options.max_sessions,
                     "Clients served at once; more are refused")
+        ->type_name("COUNT")
+        ->check(whole_number)
         ->check(CLI::Range(1, 100000))
         ->capture_default_str();
     sim->add_flag("--verbose", sim_options.verbose,

@@ -1,8 +1,13 @@
 // The handshake that opens every bus instance: "hdshkStart" brings the
 // controller's versions and interfaces, the application chooses one through
 // a handshake context, and "hdshkFinish" binds it.
+#include <exception>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -21,36 +26,131 @@ namespace {
 
 using json = nlohmann::json;
 
+// Reads one reply of the handshake. Whatever is wrong in it throws
+// runtime_error "the controller's <reply> was malformed: " and the fault in
+// our words, with its place as a path of keys: "'ifs/hci0/caps/maxMtuSize' is
+// not a number". The JSON library's own texts never reach the application,
+// which could not tell from them which message was at fault, or where.
+class reply_reader {
+public:
+    explicit reply_reader(std::string reply) : reply(std::move(reply)) {}
+
+    // The body, which must be an object.
+    json parse(std::vector<unsigned char> const& payload) const {
+        json body;
+        try {
+            body = stravik_part_payload::from_bytes<json>(payload);
+        } catch (std::exception const&) {
+            fail("it is not JSON nested at most " +
+                 std::to_string(stravik_part_payload::max_depth) + " levels deep");
+        }
+        if (!body.is_object()) {
+            fail("it is not an object");
+        }
+        return body;
+    }
+
+    // The value at `key` of `object`, whose place is `path`.
+    json const& at(json const& object, std::string const& path, std::string const& key) const {
+        auto const found = object.find(key);
+        if (found == object.end()) {
+            fail(quoted(path + key) + " is missing");
+        }
+        return *found;
+    }
+
+    template <typename T>
+    T read(json const& object, std::string const& path, std::string const& key) const {
+        auto const& value = at(object, path, key);
+        try {
+            return value.get<T>();
+        } catch (json::exception const&) {
+            fail(quoted(path + key) + " is not " + kind<T>());
+        }
+    }
+
+    // `convert` of the value at `key`, whose every failure names the place
+    // as not being `what`.
+    template <typename T, typename Convert>
+    auto read(json const& object, std::string const& path, std::string const& key, char const* what,
+              Convert const& convert) const {
+        auto const value = read<T>(object, path, key);
+        try {
+            return convert(value);
+        } catch (std::exception const&) {
+            fail(quoted(path + key) + " is not " + what);
+        }
+    }
+
+    [[noreturn]] void fail(std::string const& why) const {
+        throw std::runtime_error("the controller's " + reply + " was malformed: " + why);
+    }
+
+private:
+    static std::string quoted(std::string const& path) { return "'" + path + "'"; }
+
+    template <typename T>
+    static char const* kind() {
+        if constexpr (std::is_same_v<T, bool>) {
+            return "true or false";
+        } else if constexpr (std::is_arithmetic_v<T>) {
+            return "a number";
+        } else if constexpr (std::is_same_v<T, std::string>) {
+            return "a string";
+        } else if constexpr (std::is_same_v<T, json::array_t>) {
+            return "a list";
+        } else {
+            return "an object";
+        }
+    }
+
+    std::string reply;
+};
+
 // Every key is required, except that a PHY list is read only when its
 // capability is there.
-tavrin::bt_ctrl::capabilities to_capabilities(json const& caps) {
+tavrin::bt_ctrl::capabilities to_capabilities(reply_reader const& reader, json const& object,
+                                              std::string const& path) {
     namespace keys = capability_keys;
+    auto const& caps = reader.at(object, path, "caps");
+    auto const place = path + "caps/";
+    if (!caps.is_object()) {
+        reader.fail("'" + path + "caps' is not an object");
+    }
     tavrin::bt_ctrl::capabilities result;
-    result.maxTxPower = caps.at("maxTxPower").get<signed char>();
-    result.maxMtuSize = caps.at("maxMtuSize").get<unsigned short>();
+    result.maxTxPower = reader.read<signed char>(caps, place, "maxTxPower");
+    result.maxMtuSize = reader.read<unsigned short>(caps, place, "maxMtuSize");
     for (auto const& [key, field] : keys::flags) {
-        result.*field = caps.at(key).get<bool>();
+        result.*field = reader.read<bool>(caps, place, key);
     }
     for (auto const& [key, field] : keys::value_lengths) {
-        result.*field = caps.at(key).get<unsigned short>();
+        result.*field = reader.read<unsigned short>(caps, place, key);
     }
-    result.addrTypes = wire_values::to_address_types(caps.at("addrTypes").get<json::array_t>());
+    result.addrTypes = reader.read<json::array_t>(caps, place, "addrTypes", "a list of words",
+                                                  wire_values::to_address_types);
     for (auto const& [key, field, feature] : keys::phy_lists) {
         if (result.*feature) {
-            result.*field = wire_values::to_phys(caps.at(key).get<json::array_t>());
+            result.*field = reader.read<json::array_t>(caps, place, key, "a list of words",
+                                                       wire_values::to_phys);
         }
     }
     return result;
 }
 
-tavrin::bt_ctrl::handshake_ctx::interface to_interface(json const& object) {
+tavrin::bt_ctrl::handshake_ctx::interface to_interface(reply_reader const& reader,
+                                                       json const& object,
+                                                       std::string const& path) {
+    if (!object.is_object()) {
+        reader.fail("'" + path.substr(0, path.size() - 1) + "' is not an object");
+    }
     tavrin::bt_ctrl::handshake_ctx::interface result;
-    auto const addr = object.find("addr");
-    result.address = wire_values::to_address(addr == object.end() ? json::object_t{}
-                                                                  : addr->get<json::object_t>());
-    result.vendor = object.at("vendor").get<std::string>();
-    result.part = object.at("part").get<std::string>();
-    result.caps = to_capabilities(object.at("caps"));
+    if (object.count("addr")) {
+        result.address = reader.read<json::object_t>(object, path, "addr", "an address",
+                                                     wire_values::to_address);
+    }
+    result.vendor = reader.read<std::string>(object, path, "vendor");
+    result.part = reader.read<std::string>(object, path, "part");
+    result.caps = to_capabilities(reader, object, path);
     return result;
 }
 
@@ -76,14 +176,17 @@ void bt_ctrl::hdshk_start_resp_handler(std::shared_ptr<quorl::resp_ctx> const& r
         reconnect_later_to_ctrl(std::nullopt);
         return;
     }
-    auto const body = stravik_part_payload::from_bytes<json>(resp->payload);
-    auto const app_version = to_version(body.at("version").get<std::string>());
-    auto const api_version = to_version(body.at("apiVersion").get<std::string>());
+    reply_reader const reader("handshake reply");
+    auto const body = reader.parse(resp->payload);
+    auto const app_version =
+        reader.read<std::string>(body, "", "version", "a version number", to_version);
+    auto const api_version =
+        reader.read<std::string>(body, "", "apiVersion", "a version number", to_version);
     interface_map interfaces;
     auto const ifs = body.find("ifs");
     if (ifs != body.end() && ifs->is_object()) {
         for (auto const& [name, object] : ifs->items()) {
-            interfaces[name] = to_interface(object);
+            interfaces[name] = to_interface(reader, object, "ifs/" + name + "/");
         }
     }
     // Any older context dies with the old marker.
@@ -117,11 +220,10 @@ void bt_ctrl::hdshk_finish_resp_handler(std::shared_ptr<quorl::resp_ctx> const& 
         reconnect_later_to_ctrl(std::nullopt);
         return;
     }
-    auto const body = stravik_part_payload::from_bytes<json>(resp->payload);
     // Anything but an object throws; an absent "if" is the empty name.
-    auto const& object = body.get_ref<json::object_t const&>();
-    auto const bound = object.find("if");
-    iface_name = bound == object.end() ? "" : bound->second.get<std::string>();
+    reply_reader const reader("reply to the handshake's finish");
+    auto const body = reader.parse(resp->payload);
+    iface_name = body.count("if") ? reader.read<std::string>(body, "", "if") : "";
     auto const chosen = interfaces.find(iface_name);
     if (chosen == interfaces.end()) {
         // The controller bound something it did not offer: give the link up.

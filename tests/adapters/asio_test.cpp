@@ -17,6 +17,7 @@
 namespace {
 
 namespace tv = zelvo::tavrin;
+using tv::adapters::asio_connection;
 using tv::adapters::asio_listener;
 using tv::adapters::asio_loop;
 using state = tv::utils::connection::state;
@@ -89,8 +90,11 @@ TEST_F(asio_adapter, connect_reports_on_later_turns_names_the_peer_and_may_be_re
     EXPECT_FALSE(client->send({1}));
     client->connect(loopback, dead_port);
     ASSERT_TRUE(run_until(io, [&] { return client_log.saw(state::closed); }));
+    auto const& asio_client = dynamic_cast<asio_connection const&>(*client);
+    EXPECT_EQ(asio_client.last_error(), asio::error::connection_refused);
     client->connect(loopback, listener->port());
     EXPECT_EQ(client->get_state(), state::connecting);
+    EXPECT_FALSE(asio_client.last_error());
     EXPECT_EQ(client_log.seen, (states{state::connecting, state::closed}));
     ASSERT_TRUE(run_until(io, [&] { return client_log.seen.size() == 4 && !accepted.empty(); }));
     EXPECT_EQ(client_log.seen[3], state::connected);
@@ -123,6 +127,11 @@ TEST_F(asio_adapter, close_writes_what_is_queued_then_both_ends_report_closed) {
         EXPECT_EQ((client_closes ? client_log : server_log).seen,
                   (states{state::closing, state::closed}));
         EXPECT_EQ(client->get_state(), state::closed);
+        // Only the peer's end tells why: our own close is no fault.
+        auto const& peer =
+            dynamic_cast<asio_connection const&>(client_closes ? *accepted.at(0) : *client);
+        EXPECT_EQ(peer.last_error(), asio::error::eof);
+        EXPECT_FALSE(dynamic_cast<asio_connection const&>(closer).last_error());
         client_log = server_log = {};
     }
 }

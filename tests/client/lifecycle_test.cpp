@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "client_fixture.hpp"
+#include "stravik/part_payload.hpp"
+#include "values/capability_keys.hpp"
 
 namespace zelvo::tavrin::testing {
 namespace {
@@ -154,6 +156,103 @@ TEST_F(ClientTest, AFinishReplyNamingAnInterfaceNotOfferedFailsAndDropsTheLink) 
     EXPECT_THAT(lines, Contains(HasSubstr("change state to closed")).Times(1));
     loop->advance(3s);
     EXPECT_EQ(accepted, 2);
+}
+
+// A malformed handshake reply throws out of the loop's run, with its fault
+// and place in our words; nothing the JSON library says gets through, and
+// the handler stays pending.
+TEST_F(ClientTest, AMalformedHandshakeReplyIsToldInOurWords) {
+    auto const good_caps = [] {
+        namespace keys = impl::capability_keys;
+        json caps = {{"maxTxPower", 0}, {"maxMtuSize", 23}, {"addrTypes", {"public"}}};
+        for (auto const& flag : keys::flags) {
+            caps[flag.key] = true;
+        }
+        for (auto const& length : keys::value_lengths) {
+            caps[length.key] = 20;
+        }
+        for (auto const& list : keys::phy_lists) {
+            caps[list.key] = {"1m"};
+        }
+        return caps;
+    };
+    struct row {
+        std::string start_body;  // the reply to "hdshkStart", or "" for a valid one
+        std::string finish_body;
+        std::string told;
+    };
+    std::string const start = "the controller's handshake reply was malformed: ";
+    std::string const ok = R"({"version": "1", "apiVersion": "1"})";
+    row const rows[] = {
+        {"[1]", "", start + "it is not an object"},
+        {"{", "", start + "it is not JSON nested at most 64 levels deep"},
+        {std::string(70, '[') + std::string(70, ']'), "",
+         start + "it is not JSON nested at most 64 levels deep"},
+        {R"({"apiVersion": "1"})", "", start + "'version' is missing"},
+        {R"({"version": 1, "apiVersion": "1"})", "", start + "'version' is not a string"},
+        {R"({"version": "1.x", "apiVersion": "1"})", "",
+         start + "'version' is not a version number"},
+        {R"({"version": "1", "apiVersion": "1", "ifs": {"hci0": 7}})", "",
+         start + "'ifs/hci0' is not an object"},
+        {R"({"version": "1", "apiVersion": "1", "ifs": {"hci0": {"vendor": "v"}}})", "",
+         start + "'ifs/hci0/part' is missing"},
+        {R"({"version": "1", "apiVersion": "1", "ifs": {"hci0": {"vendor": "v", "part": "p",
+            "addr": {"type": "public", "mac": "nope"}}}})",
+         "", start + "'ifs/hci0/addr' is not an address"},
+        {R"({"version": "1", "apiVersion": "1", "ifs": {"hci0": {"vendor": "v", "part": "p",
+            "caps": []}}})",
+         "", start + "'ifs/hci0/caps' is not an object"},
+        {"caps maxMtuSize", "", start + "'ifs/hci0/caps/maxMtuSize' is not a number"},
+        {"caps scan", "", start + "'ifs/hci0/caps/scan' is not true or false"},
+        {"caps scanPhys", "", start + "'ifs/hci0/caps/scanPhys' is not a list of words"},
+        {"caps addrTypes", "", start + "'ifs/hci0/caps/addrTypes' is not a list"},
+        {ok, "[]",
+         "the controller's reply to the handshake's finish was malformed: it is not an object"},
+        {ok, R"({"if": 0})",
+         "the controller's reply to the handshake's finish was malformed: 'if' is not a string"},
+    };
+    for (auto const& r : rows) {
+        // Each "caps KEY" row spoils one key of otherwise good capabilities.
+        auto start_body = r.start_body;
+        if (start_body.rfind("caps ", 0) == 0) {
+            auto caps = good_caps();
+            auto const key = start_body.substr(5);
+            caps[key] = key == "scanPhys" ? json{1} : json("x");
+            start_body = json{{"version", "1"},
+                              {"apiVersion", "1"},
+                              {"ifs", {{"hci0", {{"vendor", "v"}, {"part", "p"}, {"caps", caps}}}}}}
+                             .dump();
+        }
+        client.reset();
+        loop->run();
+        serve_raw([&](quorl_server& server, utils::connection&) {
+            server.set_fallback_handler([&](auto const& request, auto const& responder) {
+                auto const& text = request->name == "hdshkStart" ? start_body : r.finish_body;
+                responder.reply(
+                    quorl_utils::payload(std::vector<unsigned char>(text.begin(), text.end()),
+                                         stravik_part_payload::format::json));
+            });
+        });
+        make_client();
+        context_ptr context;
+        client->enable(on("enable", &context));
+        std::string told;
+        try {
+            loop->run();
+            if (context) {
+                context->finish("", on("finish"));
+                loop->run();
+            }
+        } catch (std::runtime_error const& failure) {
+            told = failure.what();
+        }
+        EXPECT_EQ(told, r.told) << start_body;
+        EXPECT_EQ(told.find("json"), std::string::npos) << told;
+        // Nothing was told to the application's handlers of the reply at fault.
+        EXPECT_EQ(heard, (r.finish_body.empty() ? strings{"rebooting"}
+                                                : strings{"rebooting", "enable: ok"}))
+            << start_body;
+    }
 }
 
 // Each stage leaves one handler pending: enable's while connecting or

@@ -107,12 +107,13 @@ struct stream : std::enable_shared_from_this<stream> {
 
     void connect(asio::ip::tcp::endpoint const& peer) {
         name = name_of(peer);
+        ended_by.clear();
         move_to(state::connecting);
         socket.async_connect(peer, [self = shared_from_this(), id = session](std::error_code ec) {
             if (id != self->session)
                 return;
             if (ec || self->now != state::connecting)
-                return self->finish();
+                return self->finish(ec);
             self->start(true);
         });
     }
@@ -136,7 +137,7 @@ struct stream : std::enable_shared_from_this<stream> {
             if (id != self->session)
                 return;
             if (ec)
-                return self->finish();
+                return self->finish(ec);
             bool deliver = self->now == state::connected && self->on_bytes;
             if (deliver)
                 self->chunk.assign(self->buffer.data(), self->buffer.data() + size);
@@ -172,7 +173,7 @@ struct stream : std::enable_shared_from_this<stream> {
                 self->writing_now = false;
                 self->writing.clear();
                 if (ec)
-                    return self->finish();
+                    return self->finish(ec);
                 if (!self->queued.empty())
                     self->write();
                 else if (self->now == state::closing)
@@ -204,9 +205,11 @@ struct stream : std::enable_shared_from_this<stream> {
         });
     }
 
-    void finish() {
+    // `ec` is what ended the session, if anything did besides our close().
+    void finish(std::error_code const& ec = {}) {
         if (now == state::closed)
             return;
+        ended_by = now == state::closing ? std::error_code{} : ec;
         ++session;
         writing_now = false;
         queued.clear();
@@ -245,6 +248,7 @@ struct stream : std::enable_shared_from_this<stream> {
     std::shared_ptr<state_handler const> on_state;
     std::vector<unsigned char> queued, writing;  // swapped, so no allocation once warm
     bool writing_now = false;
+    std::error_code ended_by;
     std::size_t high_water_mark;
     std::array<unsigned char, 65536> buffer;
     std::vector<unsigned char> chunk;
@@ -307,6 +311,11 @@ public:
     void close() override { core->close(); }
     std::string const& get_name() const override { return core->name; }
     state get_state() const override { return core->now; }
+    // Why the last session ended, when it was not by close(): the failed
+    // connect's error (asio::error::connection_refused, say), the peer's end
+    // of stream (asio::error::eof) or a read's or write's error. Empty while
+    // a session runs, and after a close of ours.
+    std::error_code last_error() const { return core->ended_by; }
     // See "Connections" at the top of this file.
     void set_high_water_mark(std::size_t bytes) { core->high_water_mark = bytes; }
     void set_receive_handler(
