@@ -120,12 +120,12 @@ public:
         std::function<void(reservation_counts const&)> const& handler) const override;
     reservation_set const& get_reservations() const override;
     utils::link add_reservation(
-        reservation_type type, tavrin::bt_ctrl::address const& target,
+        reservation::type type, tavrin::bt_ctrl::address const& target,
         std::string const& custom_data,
         std::function<void(std::shared_ptr<reservation const> const&,
                            std::error_code const&)> const& handler) override;
     utils::link replace_reservation(
-        std::shared_ptr<reservation const> const& old_reservation, reservation_type type,
+        std::shared_ptr<reservation const> const& old_reservation, reservation::type type,
         tavrin::bt_ctrl::address const& target, std::string const& custom_data,
         std::function<void(std::shared_ptr<reservation const> const&,
                            std::error_code const&)> const& handler) override;

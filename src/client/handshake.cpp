@@ -22,17 +22,17 @@ namespace {
 using json = nlohmann::json;
 
 // Every key is required, except that a PHY list is read only when its
-// capability is there.
+// capability is there. Numbers are read as every number from the controller.
 tavrin::bt_ctrl::capabilities to_capabilities(json const& caps) {
     namespace keys = capability_keys;
     tavrin::bt_ctrl::capabilities result;
-    result.maxTxPower = caps.at("maxTxPower").get<signed char>();
-    result.maxMtuSize = caps.at("maxMtuSize").get<unsigned short>();
+    result.maxTxPower = wire_values::to_number<signed char>(caps.at("maxTxPower"));
+    result.maxMtuSize = wire_values::to_number<unsigned short>(caps.at("maxMtuSize"));
     for (auto const& [key, field] : keys::flags) {
         result.*field = caps.at(key).get<bool>();
     }
     for (auto const& [key, field] : keys::value_lengths) {
-        result.*field = caps.at(key).get<unsigned short>();
+        result.*field = wire_values::to_number<unsigned short>(caps.at(key));
     }
     result.addrTypes = wire_values::to_address_types(caps.at("addrTypes").get<json::array_t>());
     for (auto const& [key, field, feature] : keys::phy_lists) {

@@ -75,13 +75,13 @@ utils::link bt_ctrl::notify_on_free_reservation_cnt_change(
 }
 
 utils::link bt_ctrl::add_reservation(
-    reservation_type, tavrin::bt_ctrl::address const&, std::string const&,
+    reservation::type, tavrin::bt_ctrl::address const&, std::string const&,
     std::function<void(std::shared_ptr<reservation const> const&, std::error_code const&)> const&) {
     not_implemented();
 }
 
 utils::link bt_ctrl::replace_reservation(
-    std::shared_ptr<reservation const> const&, reservation_type, tavrin::bt_ctrl::address const&,
+    std::shared_ptr<reservation const> const&, reservation::type, tavrin::bt_ctrl::address const&,
     std::string const&,
     std::function<void(std::shared_ptr<reservation const> const&, std::error_code const&)> const&) {
     not_implemented();
