@@ -59,8 +59,9 @@ protected:
         return result;
     }
 
-    // Serves the script; "hci0" with `interface_caps` and a public address is
-    // the only interface, and the status is "enabled".
+    // Serves the script; "hci0" with `interface_caps` and
+    // `interface_address` (none if null) is the only interface, and the status
+    // is "enabled".
     void serve_script() {
         serve_raw([this](quorl_server& server, utils::connection&) {
             ++accepted;
@@ -75,15 +76,12 @@ protected:
             });
         });
         answers["hdshkStart"] = [this](json const&, responder const& r) {
-            r.reply(quorl_utils::payload(
-                json{{"version", "1.0.0"},
-                     {"apiVersion", "1.0.0"},
-                     {"ifs",
-                      {{"hci0",
-                        {{"addr", {{"type", "public"}, {"mac", "02:54:56:00:00:01"}}},
-                         {"vendor", "test"},
-                         {"part", "scripted"},
-                         {"caps", interface_caps}}}}}}));
+            json description = {{"vendor", "test"}, {"part", "scripted"}, {"caps", interface_caps}};
+            if (!interface_address.is_null()) {
+                description["addr"] = interface_address;
+            }
+            r.reply(quorl_utils::payload(json{
+                {"version", "1.0.0"}, {"apiVersion", "1.0.0"}, {"ifs", {{"hci0", description}}}}));
         };
         answers["hdshkFinish"] = with({{"if", "hci0"}});
         answers["ifStatusGet"] = with({{"status", "enabled"}});
@@ -126,6 +124,7 @@ protected:
     }
 
     json interface_caps = caps();
+    json interface_address = {{"type", "public"}, {"mac", "02:54:56:00:00:01"}};
     std::map<std::string, answer> answers;
     std::vector<received> got;
     int accepted = 0;
