@@ -14,9 +14,11 @@
 //
 // Sources by concern: lifecycle.cpp (front door, state gate, destructor),
 // ctrl_link.cpp (TCP link, bus wiring, back-off, interface status),
-// handshake.cpp, sync.cpp, diagnostics.cpp (log lines, exception
-// containment), messages.cpp (error mapping, versions), pending.cpp (the
-// operations whose behaviour has not arrived yet).
+// handshake.cpp, sync.cpp (subscriptions and the sync's burst of requests),
+// reservations.cpp, registries.cpp (the connection and advertiser maxima
+// and queues), diagnostics.cpp (log lines, exception containment),
+// messages.cpp (error mapping, versions), pending.cpp (the operations whose
+// behaviour has not arrived yet).
 #pragma once
 
 #include <array>
@@ -63,6 +65,7 @@ public:
     class gatts;
     class connection;
     class advertiser;
+    class reservation;
 
     using seconds = std::chrono::seconds;
     using client_id_type = std::optional<std::array<unsigned char, 16>>;
@@ -73,6 +76,11 @@ public:
         std::shared_ptr<tavrin::bt_ctrl::handshake_ctx> const&, std::error_code const&)>;
     using finish_handler = std::function<void(std::string const&, std::error_code const&)>;
     using result_handler = std::function<void(std::error_code const&)>;
+    using reservation_ptr = std::shared_ptr<tavrin::bt_ctrl::reservation const>;
+    using reservation_handler = std::function<void(reservation_ptr const&, std::error_code const&)>;
+    using reservation_kind = tavrin::bt_ctrl::reservation::type;
+    using response = std::shared_ptr<quorl::resp_ctx>;
+    using event = std::shared_ptr<quorl::event_ctx>;
 
     // Only create_bt_ctrl makes one.
     bt_ctrl(std::shared_ptr<utils::event_loop> const& loop, client_id_type const& client_id,
@@ -119,17 +127,14 @@ public:
     utils::link notify_on_free_reservation_cnt_change(
         std::function<void(reservation_counts const&)> const& handler) const override;
     reservation_set const& get_reservations() const override;
-    utils::link add_reservation(
-        reservation_type type, tavrin::bt_ctrl::address const& target,
-        std::string const& custom_data,
-        std::function<void(std::shared_ptr<reservation const> const&,
-                           std::error_code const&)> const& handler) override;
-    utils::link replace_reservation(
-        std::shared_ptr<reservation const> const& old_reservation, reservation_type type,
-        tavrin::bt_ctrl::address const& target, std::string const& custom_data,
-        std::function<void(std::shared_ptr<reservation const> const&,
-                           std::error_code const&)> const& handler) override;
-    utils::link remove_reservation(std::shared_ptr<reservation const> const& target,
+    utils::link add_reservation(reservation_kind type, tavrin::bt_ctrl::address const& target,
+                                std::string const& custom_data,
+                                reservation_handler const& handler) override;
+    utils::link replace_reservation(reservation_ptr const& old_reservation, reservation_kind type,
+                                    tavrin::bt_ctrl::address const& target,
+                                    std::string const& custom_data,
+                                    reservation_handler const& handler) override;
+    utils::link remove_reservation(reservation_ptr const& target,
                                    result_handler const& handler) override;
     tavrin::bt_ctrl::gatts const& get_gatts() const override;
     tavrin::bt_ctrl::gatts& get_gatts() override;
@@ -154,6 +159,10 @@ public:
     // "major.minor.patch"; missing parts are 0, more parts are ignored. A part
     // that is not a number throws invalid_argument "stol".
     static version_type to_version(std::string const& text);
+
+    // The controller's id of a reservation in the set; empty for any other
+    // object, null included.
+    std::optional<unsigned short> get_reserv_id(reservation_ptr const& target) const;
 
     std::shared_ptr<utils::event_loop> const& get_event_loop() const { return event_loop; }
     // Weak copies tell whether the client still lives.
@@ -198,10 +207,39 @@ private:
                            interface_map const& interfaces, finish_handler const& handler);
 
     // Synchronisation.
+    using sync_handler = void (bt_ctrl::*)(response const&,
+                                           std::shared_ptr<sync_waiter_type> const&);
+    using event_handler = void (bt_ctrl::*)(event const&);
     void start_sync();
     void clear_sync();
-    void iface_addr_get_resp_handler(std::shared_ptr<quorl::resp_ctx> const& resp,
+    void subscribe(std::string const& name, event_handler handler);
+    void send_sync_request(std::string const& name, sync_handler handler,
+                           std::shared_ptr<sync_waiter_type> const& waiter);
+    // The common start of every sync reply's handler: on an error the sync
+    // is aborted, the link dropped, and the result is true.
+    bool sync_step_failed(response const& resp, sync_waiter_type& waiter);
+    void iface_addr_get_resp_handler(response const& resp,
                                      std::shared_ptr<sync_waiter_type> const& waiter);
+    // Events whose objects have not arrived yet.
+    void unserved_event_handler(event const& ev);
+
+    // Reservations.
+    void free_reservs_get_resp_handler(response const& resp,
+                                       std::shared_ptr<sync_waiter_type> const& waiter);
+    void reservs_get_resp_handler(response const& resp,
+                                  std::shared_ptr<sync_waiter_type> const& waiter);
+    void free_reserv_changed_event_handler(event const& ev);
+    // Posts `handler` with `ec` and a null reservation.
+    void post_refusal(reservation_handler const& handler, std::error_code const& ec) const;
+    void post_refusal(result_handler const& handler, std::error_code const& ec) const;
+
+    // Registries: the maxima and queues.
+    void advs_get_resp_handler(response const& resp,
+                               std::shared_ptr<sync_waiter_type> const& waiter);
+    void conns_get_resp_handler(response const& resp,
+                                std::shared_ptr<sync_waiter_type> const& waiter);
+    void advs_changed_event_handler(event const& ev);
+    void conns_changed_event_handler(event const& ev);
     // Sends a request with a JSON body on the present bus; the handler is
     // called by the bus with the response.
     quorl_utils::link send_request(
@@ -249,6 +287,7 @@ private:
     std::map<unsigned short, unsigned> conn_queue;
     unsigned connection_max_cnt = 0;
     mutable misc::signal<void, state> state_signal;
+    mutable misc::signal<void, reservation_counts const&> free_reservation_signal;
     std::unique_ptr<gatts> gatts_object;
     std::shared_ptr<std::function<void(std::string const&)>> exception_handler;
     std::shared_ptr<char> alive_token;

@@ -63,8 +63,12 @@ public:
     T read(json const& object, std::string const& path, std::string const& key) const {
         auto const& value = at(object, path, key);
         try {
-            return value.get<T>();
-        } catch (json::exception const&) {
+            if constexpr (std::is_arithmetic_v<T> && !std::is_same_v<T, bool>) {
+                return wire_values::to_number<T>(value);
+            } else {
+                return value.get<T>();
+            }
+        } catch (std::exception const&) {
             fail(quoted(path + key) + " is not " + kind<T>());
         }
     }
@@ -108,7 +112,7 @@ private:
 };
 
 // Every key is required, except that a PHY list is read only when its
-// capability is there.
+// capability is there. Numbers are read as every number from the controller.
 tavrin::bt_ctrl::capabilities to_capabilities(reply_reader const& reader, json const& object,
                                               std::string const& path) {
     namespace keys = capability_keys;

@@ -150,14 +150,6 @@ unsigned bt_ctrl::get_advertiser_max_cnt() const {
     return advertiser_max_cnt;
 }
 
-tavrin::bt_ctrl::reservation_counts bt_ctrl::get_free_reservation_cnt() const {
-    return free_reservation_cnt;
-}
-
-tavrin::bt_ctrl::reservation_set const& bt_ctrl::get_reservations() const {
-    return reservations;
-}
-
 tavrin::bt_ctrl::gatts const& bt_ctrl::get_gatts() const {
     return *gatts_object;
 }

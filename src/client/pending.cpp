@@ -69,27 +69,4 @@ utils::link bt_ctrl::notify_on_new_advertiser(
     not_implemented();
 }
 
-utils::link bt_ctrl::notify_on_free_reservation_cnt_change(
-    std::function<void(reservation_counts const&)> const&) const {
-    not_implemented();
-}
-
-utils::link bt_ctrl::add_reservation(
-    reservation_type, tavrin::bt_ctrl::address const&, std::string const&,
-    std::function<void(std::shared_ptr<reservation const> const&, std::error_code const&)> const&) {
-    not_implemented();
-}
-
-utils::link bt_ctrl::replace_reservation(
-    std::shared_ptr<reservation const> const&, reservation_type, tavrin::bt_ctrl::address const&,
-    std::string const&,
-    std::function<void(std::shared_ptr<reservation const> const&, std::error_code const&)> const&) {
-    not_implemented();
-}
-
-utils::link bt_ctrl::remove_reservation(std::shared_ptr<reservation const> const&,
-                                        result_handler const&) {
-    not_implemented();
-}
-
 }  // namespace zelvo::tavrin::impl

@@ -4,7 +4,10 @@
 //
 // The waiter of a running sync is held only by its response handlers, so the
 // last response to finish ends the sync; `sync_waiter` only watches it, so
-// that clear_sync() can abort it.
+// that clear_sync() can abort it. Every subscription is made before the first
+// request goes out, so no event that the controller sends after its reply is
+// missed; events that come while the mirrors are still being filled work on
+// what is there.
 #include <memory>
 #include <string>
 
@@ -25,28 +28,93 @@ void bt_ctrl::start_sync() {
                                              alive_token);
     auto waiter = std::make_shared<sync_waiter_type>(on_synced);
     sync_waiter = waiter;
-    // Event subscriptions go into `event_links`, before the first request,
-    // as each event's handler arrives with the objects it serves.
+
+    // "ifStatusChanged" is not among them: it lives from the handshake on.
+    struct subscription {
+        char const* name;
+        event_handler handler;
+    };
+    subscription const events[] = {
+        {"freeResvsChanged", &bt_ctrl::free_reserv_changed_event_handler},
+        {"advsChanged", &bt_ctrl::advs_changed_event_handler},
+        {"advDataChanged", &bt_ctrl::unserved_event_handler},
+        {"advPending", &bt_ctrl::unserved_event_handler},
+        {"advStarting", &bt_ctrl::unserved_event_handler},
+        {"advStarted", &bt_ctrl::unserved_event_handler},
+        {"advStopping", &bt_ctrl::unserved_event_handler},
+        {"advStopped", &bt_ctrl::unserved_event_handler},
+        {"connsChanged", &bt_ctrl::conns_changed_event_handler},
+        {"connMtu", &bt_ctrl::unserved_event_handler},
+        {"connPhy", &bt_ctrl::unserved_event_handler},
+        {"connParams", &bt_ctrl::unserved_event_handler},
+        {"connPending", &bt_ctrl::unserved_event_handler},
+        {"connOpening", &bt_ctrl::unserved_event_handler},
+        {"connOpened", &bt_ctrl::unserved_event_handler},
+        {"connClosing", &bt_ctrl::unserved_event_handler},
+        {"connClosed", &bt_ctrl::unserved_event_handler},
+        {"gattsDbUpdated", &bt_ctrl::unserved_event_handler},
+        {"gattsCharValueRead", &bt_ctrl::unserved_event_handler},
+        {"gattsCharValueWrite", &bt_ctrl::unserved_event_handler},
+        {"gattsDescValueRead", &bt_ctrl::unserved_event_handler},
+        {"gattsDescValueWrite", &bt_ctrl::unserved_event_handler},
+    };
+    for (auto const& [name, handler] : events) {
+        subscribe(name, handler);
+    }
+
+    // One burst, in this order; a sync request can't be called off, so the
+    // bus's links are dropped.
     if (!address) {
-        send_request(
-            "ifAddrGet", nlohmann::json::object(),
-            [handler = misc::tie_member(&bt_ctrl::iface_addr_get_resp_handler, this, alive_token),
-             waiter](std::shared_ptr<quorl::resp_ctx> const& resp) { handler(resp, waiter); });
+        send_sync_request("ifAddrGet", &bt_ctrl::iface_addr_get_resp_handler, waiter);
+    }
+    if (client_id) {
+        send_sync_request("freeResvsGet", &bt_ctrl::free_reservs_get_resp_handler, waiter);
+        send_sync_request("resvsGet", &bt_ctrl::reservs_get_resp_handler, waiter);
+    }
+    if (capabilities.adv) {
+        send_sync_request("advsGet", &bt_ctrl::advs_get_resp_handler, waiter);
+    }
+    if (capabilities.conn) {
+        send_sync_request("connsGet", &bt_ctrl::conns_get_resp_handler, waiter);
     }
     // With nothing asked, the sync ends here.
     waiter.reset();
 }
 
-void bt_ctrl::iface_addr_get_resp_handler(std::shared_ptr<quorl::resp_ctx> const& resp,
+void bt_ctrl::subscribe(std::string const& name, event_handler handler) {
+    event_links.emplace_back(
+        bus->set_event_handler(name, misc::tie_member(handler, this, alive_token)));
+}
+
+void bt_ctrl::send_sync_request(std::string const& name, sync_handler handler,
+                                std::shared_ptr<sync_waiter_type> const& waiter) {
+    send_request(name, nlohmann::json::object(),
+                 [handler = misc::tie_member(handler, this, alive_token),
+                  waiter](response const& resp) { handler(resp, waiter); });
+}
+
+bool bt_ctrl::sync_step_failed(response const& resp, sync_waiter_type& waiter) {
+    if (!to_error_code(resp)) {
+        return false;
+    }
+    waiter.abort();
+    disconnect_from_ctrl();
+    return true;
+}
+
+void bt_ctrl::iface_addr_get_resp_handler(response const& resp,
                                           std::shared_ptr<sync_waiter_type> const& waiter) {
-    if (to_error_code(resp)) {
-        waiter->abort();
-        disconnect_from_ctrl();
+    if (sync_step_failed(resp, *waiter)) {
         return;
     }
     auto const body = stravik_part_payload::from_bytes<nlohmann::json>(resp->payload);
     address = to_address(body.at("addr").get<nlohmann::json::object_t>());
 }
+
+// The objects these events are about (advertisers, connections, the GATT
+// server's) have not arrived: the events are subscribed with the others, so
+// that the set of subscriptions is complete, and dropped unread.
+void bt_ctrl::unserved_event_handler(event const&) {}
 
 void bt_ctrl::clear_sync() {
     if (auto const running = sync_waiter.lock()) {

@@ -19,11 +19,11 @@ constexpr impl::enum_word<bt_ctrl::reservation::type> reservation_type_words[] =
 
 bt_ctrl::reservation::~reservation() = default;
 
-std::string bt_ctrl::to_string(reservation_type value) {
+std::string bt_ctrl::to_string(reservation::type value) {
     return impl::word_of(reservation_type_words, value, "unknown reservation type");
 }
 
-bt_ctrl::reservation_type bt_ctrl::to_reservation_type(std::string const& text) {
+bt_ctrl::reservation::type bt_ctrl::to_reservation_type(std::string const& text) {
     if (auto const value = impl::value_of(reservation_type_words, misc::to_lower(text))) {
         return *value;
     }

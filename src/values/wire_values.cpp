@@ -1,7 +1,5 @@
 #include "values/wire_values.hpp"
 
-#include <limits>
-#include <stdexcept>
 #include <string>
 
 namespace zelvo::tavrin::impl {
@@ -18,21 +16,6 @@ std::string const* find_string(json::object_t const& object, char const* key) {
         return nullptr;
     }
     return &found->second.get_ref<std::string const&>();
-}
-
-// The JSON library's conversion of a number to T, which names the type it
-// found when the value is no number. A fractional value is truncated; one that
-// T can't hold is refused, as the conversion itself would be undefined.
-template <typename T>
-T to_number(json const& value) {
-    if (value.is_number_float()) {
-        auto const number = value.get<double>();
-        if (!(number > static_cast<double>(std::numeric_limits<T>::lowest()) - 1 &&
-              number < static_cast<double>(std::numeric_limits<T>::max()) + 1)) {
-            throw std::runtime_error("number out of range: " + value.dump());
-        }
-    }
-    return value.get<T>();
 }
 
 template <typename Enum, typename Parse>

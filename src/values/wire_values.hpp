@@ -5,13 +5,14 @@
 // Readers throw on malformed input and the exception goes to the caller: a
 // required key that is missing raises out_of_range "map::at", a value of the
 // wrong JSON type raises the JSON library's type_error ("type must be number,
-// but is ..."), and numbers are cut to their target width as the JSON library
-// converts them. Optional parts (an address, unknown words in a list) are
-// dropped instead.
+// but is ..."), and numbers are read by to_number. Optional parts (an address, unknown words in a
+// list) are dropped instead.
 #pragma once
 
+#include <limits>
 #include <map>
 #include <set>
+#include <stdexcept>
 #include <tuple>
 
 #include <nlohmann/json.hpp>
@@ -25,6 +26,24 @@ namespace zelvo::tavrin::impl {
 
 class wire_values {
 public:
+    // A number from the controller as T, by the JSON library's conversion,
+    // which names the type it found when the value is no number. A fraction
+    // is truncated toward zero; a floating-point value that T can't hold (out
+    // of range, infinite, NaN) throws runtime_error "number out of range: "
+    // and the value, as the conversion itself would be undefined. Integers
+    // are cut to T's width as the JSON library does.
+    template <typename T>
+    static T to_number(nlohmann::json const& value) {
+        if (value.is_number_float()) {
+            auto const number = value.get<double>();
+            if (!(number > static_cast<double>(std::numeric_limits<T>::lowest()) - 1 &&
+                  number < static_cast<double>(std::numeric_limits<T>::max()) + 1)) {
+                throw std::runtime_error("number out of range: " + value.dump());
+            }
+        }
+        return value.get<T>();
+    }
+
     // {"type": "public", "mac": "AA:BB:CC:DD:EE:FF"}; {} for an address of
     // unknown type.
     static nlohmann::json to_json(tavrin::bt_ctrl::address const& address);

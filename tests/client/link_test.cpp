@@ -65,7 +65,7 @@ TEST_F(ClientTest, AStatusOtherThanEnabledDropsTheLinkWhenRepliedNotWhenReported
          {std::pair{state::disabled, strings{"rebooting", "disabled", "rebooting"}},
           std::pair{state::rebooting, strings{"rebooting"}}}) {
         SCOPED_TRACE(bt_ctrl::to_string(status));
-        auto settings = sim::config::builtin();
+        auto settings = sim_config();
         settings.interfaces[0].status = status;
         fresh(std::nullopt, settings);
         client->enable([](auto const&...) {});
@@ -80,7 +80,7 @@ TEST_F(ClientTest, AStatusOtherThanEnabledDropsTheLinkWhenRepliedNotWhenReported
 
     heard.clear();
     ctl->clear_requests();
-    auto const address = sim::config::builtin().interfaces[0].description.address;
+    auto const address = sim_config().interfaces[0].description.address;
     for (auto const status : {state::rebooting, state::disabled, state::enabled}) {
         ctl->set_interface_status("hci0", status);
         loop->run();

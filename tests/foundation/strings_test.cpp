@@ -61,6 +61,8 @@ TEST(Hex, EveryByteRoundTripsAndMalformedTextIsRejected) {
     EXPECT_EQ(to_hex_string(bytes{0x01, 0xAB, 0x00}, "", false), "01ab00");
     EXPECT_EQ(from_hex_string<bytes>("ff, 7F", ", "), (bytes{0xFF, 0x7F}));
     EXPECT_EQ(from_hex_string<bytes>("", ":"), bytes{});
+    // One byte per part: the length fits two, the separators cut three.
+    EXPECT_EQ(from_hex_string<bytes>("a::bc", ":"), (bytes{0x0A, 0x00, 0xBC}));
     bytes every_value(256);
     for (unsigned i = 0; i < every_value.size(); ++i) {
         every_value[i] = static_cast<unsigned char>(i);
@@ -69,9 +71,10 @@ TEST(Hex, EveryByteRoundTripsAndMalformedTextIsRejected) {
     EXPECT_EQ(from_hex_string<bytes>(to_hex_string(every_value, " ", false), " "), every_value);
 
     std::tuple<std::string, std::string, std::string> const refused[] = {
-        {"abc", "", "Invalid input size"},           {"01:ab:", ":", "Invalid input size"},
-        {"zz", "", "Got non-hexadecimal value"},     {"+1ab", "", "Got non-hexadecimal value"},
-        {" 1:ab", ":", "Got non-hexadecimal value"}, {"a:bcd", ":", "Type is too short"}};
+        {"abc", "", "Invalid input size"},         {"01:ab:", ":", "Invalid input size"},
+        {"a::b", ":", "Invalid input size"},       {"zz", "", "Got non-hexadecimal value"},
+        {"+1ab", "", "Got non-hexadecimal value"}, {" 1:ab", ":", "Got non-hexadecimal value"},
+        {"a:bcd", ":", "Type is too short"}};
     for (auto const& [text, separator, message] : refused) {
         auto const parse = [text = text, separator = separator] {
             from_hex_string<bytes>(text, separator);

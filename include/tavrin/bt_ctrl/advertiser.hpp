@@ -2,19 +2,22 @@
 //
 // Objects that the application made with create_advertiser belong to it; the
 // client keeps the others and hands them out as shared_ptr<advertiser const>,
-// through which the application can watch and query them but neither start
-// nor stop them. The application may drop its own object at any time, even
+// through which the application can watch them and read all their properties
+// but the data (get_data needs a non-const object), and neither start nor
+// stop them. The application may drop its own object at any time, even
 // while it runs: a stop still reaches the controller, and the client keeps a
 // stand-in object until the controller reports the advertising stopped.
 //
 // Every operation that takes a handler returns a utils::link, and the handler
-// runs at most once. A refusal (the client not enabled, a wrong state, a bad
-// argument) is posted on the event loop and never delivered inside the call,
-// so the caller holds the link before its handler can run. Releasing the link
-// keeps the handler from running, even when its reply is already queued; it
-// does not recall a request that has gone out. Notifications run inside the
-// state change, and may call back into the object or drop the last reference
-// to it. Nothing is cached: every query asks the controller.
+// runs at most once. A handler that throws is contained and reported, except
+// those of get_interval, get_tx_power, get_channel_map and get_phy, and of a
+// stop that waits for the controller's handle: their exceptions are not
+// contained and leave through the event loop. A refusal (the client not enabled, a wrong state, a
+// bad argument) is posted on the event loop and never delivered inside the call, so the caller
+// holds the link before its handler can run. Releasing the link keeps the handler from running,
+// even when its reply is already queued; it does not recall a request that has gone out.
+// Notifications run inside the state change, and may call back into the object or drop the last
+// reference to it. Nothing is cached: every query asks the controller.
 //
 // A state word the library doesn't know is an error (to_state throws, ignoring
 // case), while an unknown stop reason is quietly `unknown` (to_stop_reason

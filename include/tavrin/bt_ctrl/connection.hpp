@@ -9,13 +9,13 @@
 // watch and serve them (get_gatts) but neither open nor close them.
 //
 // Every operation that takes a handler returns a utils::link, and the handler
-// runs at most once. A refusal (the client not enabled, a wrong state, a bad
-// argument) is posted on the event loop and never delivered inside the call,
-// so the caller holds the link before its handler can run. Releasing the link
-// keeps the handler from running, even when its reply is already queued; it
-// does not recall a request that has gone out. Notifications run inside the
-// state change, and may call back into the object or drop the last reference
-// to it. The property getters cache nothing: every one asks the controller.
+// runs at most once; a handler that throws is contained, except that of a
+// close that waits for the controller's handle (see close). A refusal (the client not enabled, a
+// wrong state, a bad argument) is posted on the event loop and never delivered inside the call, so
+// the caller holds the link before its handler can run. Releasing the link keeps the handler from
+// running, even when its reply is already queued; it does not recall a request that has gone out.
+// Notifications run inside the state change, and may call back into the object or drop the last
+// reference to it. The property getters cache nothing: every one asks the controller.
 //
 // A state word the library doesn't know is an error (to_state throws), while
 // an unknown direction or close reason is quietly `unknown`: those two are
@@ -124,6 +124,9 @@ public:
     // Closes the connection. A close of a closed connection succeeds. One asked
     // before the controller has named the connection waits for that answer;
     // if the open attempt then ends closed by itself, the handler isn't called.
+    // Such a waiting handler is not wrapped: an exception it throws is not
+    // contained. It runs at most once, when the wait is over; a later open
+    // and close of the same object never calls it again.
     virtual utils::link close(std::function<void(std::error_code const&)> const& handler) = 0;
 
     // Hands the connection another reservation; also while it waits for a

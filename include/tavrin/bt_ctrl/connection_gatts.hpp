@@ -1,5 +1,5 @@
 // bt_ctrl::connection::gatts: the GATT server side of one connection, and
-// bt_ctrl::connection::gattc, the room kept for a client side.
+// bt_ctrl::connection::gattc, the declared client side.
 //
 // Attribute values don't live in the library. When a peer reads or writes a
 // characteristic or descriptor, the application's handler is called, and the
@@ -40,6 +40,7 @@
 #include "tavrin/bt_ctrl/connection.hpp"
 #include "tavrin/error.hpp"
 #include "tavrin/export.hpp"
+#include "tavrin/gatt/profile.hpp"
 #include "tavrin/utils/link.hpp"
 
 namespace zelvo::tavrin {
@@ -71,7 +72,10 @@ public:
         std::function<void(std::error_code const&)> const& handler) = 0;
     // Answers a peer's read of a characteristic value with data and a status.
     // A status outside error::gatt_proto throws logic_error "Unknown GATT
-    // proto error" here, and so do the three other answers.
+    // proto error" from the call, and so do the three other answers, but only
+    // once the connection has passed its check: where the check refuses (the
+    // connection not opened, no GATT server) the refusal is posted and
+    // nothing throws.
     virtual utils::link respond_on_characteristic_value_read(
         unsigned int handle, std::vector<unsigned char> const& data, error::gatt_proto status,
         std::function<void(std::error_code const&)> const& handler) = 0;
@@ -138,14 +142,62 @@ public:
         descriptor_write_handler const& handler) = 0;
 };
 
-// The GATT client side of a connection. There is none yet: the class only
-// holds its place in the interface, and connection::get_gattc() throws.
+// The GATT client side of a connection: what the application may ask of the
+// peer's attribute server. The interface is fixed so that a client side can
+// be added without changing it; the library has no implementation yet, and
+// connection::get_gattc() throws logic_error "Not implemented".
+//
+// The operations follow the library's rules for asynchronous operations: each
+// returns a utils::link that keeps its handler from running, and a refusal is
+// posted, never delivered inside the call. Handles are the peer's attribute
+// handles, offsets value offsets.
 class TAVRIN_API bt_ctrl::connection::gattc {
 public:
+    virtual ~gattc() = 0;
+
+    // Reads the peer's whole attribute database: services, characteristics
+    // and descriptors, keyed by the peer's handles.
+    virtual utils::link discover(
+        std::function<void(gatt::profile const&, std::error_code const&)> const& handler) = 0;
+    // Reads a characteristic value from `offset` on.
+    virtual utils::link read_characteristic_value(
+        unsigned int handle, unsigned int offset,
+        std::function<void(std::vector<unsigned char> const&, std::error_code const&)> const&
+            handler) = 0;
+    // Writes a characteristic value at `offset`, confirmed by the peer.
+    virtual utils::link write_characteristic_value(
+        unsigned int handle, unsigned int offset, std::vector<unsigned char> const& data,
+        std::function<void(std::error_code const&)> const& handler) = 0;
+    // Writes a characteristic value without the peer's confirmation; the
+    // handler tells only that the controller took the write.
+    virtual utils::link write_characteristic_value_without_response(
+        unsigned int handle, std::vector<unsigned char> const& data,
+        std::function<void(std::error_code const&)> const& handler) = 0;
+    // Reads a descriptor value from `offset` on.
+    virtual utils::link read_descriptor_value(
+        unsigned int handle, unsigned int offset,
+        std::function<void(std::vector<unsigned char> const&, std::error_code const&)> const&
+            handler) = 0;
+    // Writes a descriptor value at `offset`, confirmed by the peer.
+    virtual utils::link write_descriptor_value(
+        unsigned int handle, unsigned int offset, std::vector<unsigned char> const& data,
+        std::function<void(std::error_code const&)> const& handler) = 0;
+    // Asks the peer to push a characteristic's value changes, as
+    // indications if `indicate` is set, else as notifications; each value
+    // goes to `on_value` until unsubscribe. `handler` tells whether the peer
+    // took the subscription.
+    virtual utils::link subscribe_to_characteristic_value(
+        unsigned int handle, bool indicate,
+        std::function<void(std::vector<unsigned char> const&)> const& on_value,
+        std::function<void(std::error_code const&)> const& handler) = 0;
+    // Asks the peer to stop pushing a characteristic's value changes.
+    virtual utils::link unsubscribe_from_characteristic_value(
+        unsigned int handle, std::function<void(std::error_code const&)> const& handler) = 0;
+
+protected:
     gattc() = default;
     gattc(gattc const&) = delete;
     gattc& operator=(gattc const&) = delete;
-    virtual ~gattc() = 0;
 };
 
 }  // namespace zelvo::tavrin

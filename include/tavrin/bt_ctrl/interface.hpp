@@ -5,12 +5,18 @@
 // Every asynchronous operation returns a utils::link: releasing it keeps the
 // handler from being called and undoes nothing. A refusal is never delivered
 // from inside the call, so the caller holds the link before its handler runs.
-// Handlers that throw reach the exception handler, never the library.
+// A handler that throws is contained and its text reported to the exception
+// handler, never thrown through the library; the few exceptions are named
+// where they apply (four advertiser getters, a close or stop that waits for
+// the controller's handle, the predicates of a connection's GATT server).
 //
 // This header declares the class with its operations, enumerations and their
-// text forms.
-// The nested classes are declared here and defined in headers of their own
-// (address.hpp, signal.hpp, capabilities.hpp, reservation.hpp, connection.hpp,
+// text forms. It also defines two nested value classes, `address` and
+// `reservation`: bt_ctrl's own operations take the kind of a reservation,
+// `reservation::type`, and C++ can name a nested type only once its class is
+// complete, which a reservation (holding an address) can only be inside this
+// class. The other nested classes are declared here and defined in headers
+// of their own (signal.hpp, capabilities.hpp, connection.hpp,
 // advertiser.hpp); tavrin/bt_ctrl.hpp includes all of them.
 //
 // Enumerations are numbers in memory and words on the wire. Each to_string
@@ -29,7 +35,9 @@
 #include <system_error>
 
 #include "tavrin/export.hpp"
+#include "tavrin/utils/comparator.hpp"
 #include "tavrin/utils/link.hpp"
+#include "tavrin/utils/mac_address.hpp"
 
 namespace zelvo::tavrin {
 
@@ -48,15 +56,80 @@ public:
         adv_scan_ind = 3,
         scan_rsp = 4,
     };
-    // What a reservation claims. Its name for applications is
-    // bt_ctrl::reservation::type; it is declared here, with its enumerators in
-    // reservation.hpp, so that bt_ctrl's own text conversions can take it.
-    enum class reservation_type : unsigned char;
 
-    class address;
+    // A Bluetooth device address, the MAC together with its type. A value
+    // type; ordering is by type first, then by MAC. An address of unknown type
+    // stands for "no particular device": it is false in a boolean context
+    // whatever its MAC holds.
+    class TAVRIN_API address : public utils::comparator<address> {
+    public:
+        // Unknown type, 00:00:00:00:00:00.
+        address();
+        address(addr_type type, utils::mac_address const& mac);
+        address(address const& other);
+        address& operator=(address const& other);
+        ~address() override;
+
+        // The type is known.
+        explicit operator bool() const;
+
+        bool is_type_unknown() const;
+        bool is_type_public() const;
+        bool is_type_random() const;
+        // The random subtypes, told by the two top bits of the first MAC byte:
+        // static 11, resolvable private 01, non-resolvable private 00.
+        bool is_type_random_static() const;
+        bool is_type_random_resolvable() const;
+        bool is_type_random_non_resolvable() const;
+
+        bool is_equal(address const& other) const override;
+        bool is_less(address const& other) const override;
+
+        // Whether the MAC is possible for the type. A public MAC must be
+        // neither all zeros nor all ones. A random MAC of a known subtype must
+        // have a random part that is neither all zeros nor all ones; for a
+        // resolvable one that part is the first three bytes, as the rest hold
+        // the hash. An unknown type accepts any MAC, and a random MAC with the
+        // reserved top bits 10 is not judged.
+        bool is_valid() const;
+
+        // "AA:BB:CC:DD:EE:FF-public": the MAC in upper case, a hyphen, the
+        // type.
+        std::string to_string() const;
+
+        addr_type type;
+        utils::mac_address mac;
+        // Selects the subtype bits of mac[0]; always 0xC0.
+        unsigned char const type_mask = 0xC0;
+    };
+
+    // A claim on one of the controller's radio slots, for a connection or an
+    // advertiser, optionally for one peer.
+    //
+    // The client hands reservations out as shared_ptr<reservation const>, and
+    // a reservation's identity is that object: two objects with equal fields
+    // are two reservations. The fields are for reading; changing a
+    // reservation is a request to the client.
+    class TAVRIN_API reservation {
+    public:
+        // What a reservation claims.
+        enum class type : unsigned char { connection = 0, advertiser = 1 };
+
+        reservation() = default;
+        reservation(reservation const&) = default;
+        reservation& operator=(reservation const&) = default;
+        virtual ~reservation();
+
+        // The kind; a data member can't share its name with the type.
+        type resource_type = type::connection;
+        // Unknown type: no particular peer.
+        bt_ctrl::address address;
+        // The application's own text, kept by the controller for it.
+        std::string custom_data;
+    };
+
     struct signal;
     struct capabilities;
-    class reservation;
     class connection;
     class advertiser;
     class handshake_ctx;
@@ -65,7 +138,7 @@ public:
 
     using connection_queue = std::map<std::shared_ptr<connection const>, unsigned>;
     using advertiser_queue = std::map<std::shared_ptr<advertiser const>, unsigned>;
-    using reservation_counts = std::map<reservation_type, unsigned>;
+    using reservation_counts = std::map<reservation::type, unsigned>;
     using reservation_set = std::set<std::shared_ptr<reservation const>>;
 
     bt_ctrl() = default;
@@ -99,7 +172,10 @@ public:
     virtual state get_state() const = 0;
     // `handler` hears every later state change, not the present state.
     virtual utils::link notify_on_state_change(std::function<void(state)> const& handler) const = 0;
-    // The interface's address; empty unless `enabled`.
+    // The interface's address. The handshake sets it when it binds an
+    // interface that announces one, so it may be known while still
+    // `rebooting`; otherwise the sync asks for it. Empty (unknown type) before
+    // that, and again as soon as the state leaves `enabled`.
     virtual address const& get_address() const = 0;
 
     // Scanning is not available: all four throw logic_error "Not implemented".
@@ -133,17 +209,19 @@ public:
     virtual utils::link notify_on_new_advertiser(
         std::function<void(std::shared_ptr<advertiser const> const&)> const& handler) const = 0;
 
-    // Free radio slots per kind of reservation; empty unless `enabled`.
+    // Free radio slots per kind of reservation: empty until the sync has
+    // read them (which may be before `enabled`), then always both kinds;
+    // emptied as soon as the state leaves `enabled`.
     virtual reservation_counts get_free_reservation_cnt() const = 0;
     virtual utils::link notify_on_free_reservation_cnt_change(
         std::function<void(reservation_counts const&)> const& handler) const = 0;
     virtual reservation_set const& get_reservations() const = 0;
     virtual utils::link add_reservation(
-        reservation_type type, address const& target, std::string const& custom_data,
+        reservation::type type, address const& target, std::string const& custom_data,
         std::function<void(std::shared_ptr<reservation const> const&,
                            std::error_code const&)> const& handler) = 0;
     virtual utils::link replace_reservation(
-        std::shared_ptr<reservation const> const& old_reservation, reservation_type type,
+        std::shared_ptr<reservation const> const& old_reservation, reservation::type type,
         address const& target, std::string const& custom_data,
         std::function<void(std::shared_ptr<reservation const> const&,
                            std::error_code const&)> const& handler) = 0;
@@ -164,7 +242,7 @@ public:
     // "rebooting", "disabled", "enabled".
     static std::string to_string(state value);
     // "connection", "advertiser".
-    static std::string to_string(reservation_type value);
+    static std::string to_string(reservation::type value);
 
     // Also takes "m1" and "m2", which to_string never writes.
     static phy to_phy(std::string const& text);
@@ -173,7 +251,7 @@ public:
     static state to_state(std::string const& text);
     // Throws logic_error "unknown reservation type [<text>]" for any other
     // word, quoting the text as given.
-    static reservation_type to_reservation_type(std::string const& text);
+    static reservation::type to_reservation_type(std::string const& text);
 
     // adv_ind and adv_direct_ind invite a connection.
     static bool is_connectable(scan_packet_type type);

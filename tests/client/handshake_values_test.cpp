@@ -1,0 +1,83 @@
+// What the handshake reads from the controller's description of an
+// interface: numbers follow the one rule for numbers from the controller
+// (fractions truncated toward zero, a floating-point value out of the field's
+// range refused) in every numeric capability.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <stdexcept>
+#include <string>
+
+#include "scripted_fixture.hpp"
+
+namespace zelvo::tavrin::testing {
+namespace {
+
+// The handshake names the client by its id, in upper-case hexadecimal, and
+// names no one without an id.
+TEST_F(ScriptedTest, TheHandshakeNamesTheClientByItsId) {
+    start_scripted(
+        std::array<unsigned char, 16>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 0xAB, 0xFF});
+    ASSERT_FALSE(got.empty());
+    EXPECT_EQ(got[0].name, "hdshkStart");
+    EXPECT_EQ(got[0].body, (json{{"clientID", "000102030405060708090A0B0C0DABFF"}}));
+    client.reset();
+    got.clear();
+    start_scripted();
+    ASSERT_FALSE(got.empty());
+    EXPECT_EQ(got[0].body, json::object());
+}
+
+TEST_F(ScriptedTest, CapabilityNumbersAreTruncatedTowardZero) {
+    interface_caps = caps({{"maxTxPower", -128.9},
+                           {"maxMtuSize", 247.5},
+                           {"gattClientCharValueMaxLen", 100.99},
+                           {"gattClientDescValueMaxLen", 101},
+                           {"gattServerDescValueMaxLen", 0.5},
+                           {"gattServerCharValueMaxLen", 65535.9}});
+    serve_script();
+    make_client();
+    context_ptr context;
+    client->enable(on("enable", &context));
+    loop->run();
+    ASSERT_TRUE(context);
+    auto const& got_caps = context->get_interfaces().at("hci0").caps;
+    EXPECT_EQ(int(got_caps.maxTxPower), -128);
+    EXPECT_EQ(got_caps.maxMtuSize, 247);
+    EXPECT_EQ(got_caps.gattClientCharValueMaxLen, 100);
+    EXPECT_EQ(got_caps.gattClientDescValueMaxLen, 101);
+    EXPECT_EQ(got_caps.gattServerDescValueMaxLen, 0);
+    EXPECT_EQ(got_caps.gattServerCharValueMaxLen, 65535);
+}
+
+// The exception leaves the reply's handler, and so the loop; the handshake's
+// handler hears nothing.
+TEST_F(ScriptedTest, ACapabilityNumberOutOfItsRangeIsRefused) {
+    struct row {
+        char const* key;
+        double value;
+        char const* text;
+    };
+    for (auto const& r : {row{"maxTxPower", 128.0, "128.0"}, row{"maxTxPower", -129.0, "-129.0"},
+                          row{"maxMtuSize", 65536.0, "65536.0"}, row{"maxMtuSize", -1.0, "-1.0"},
+                          row{"gattServerCharValueMaxLen", 1e300, "1e+300"}}) {
+        SCOPED_TRACE(std::string(r.key) + " " + r.text);
+        client.reset();
+        loop->run();
+        got.clear();
+        interface_caps = caps({{r.key, r.value}});
+        serve_script();
+        make_client();
+        client->enable(on("enable"));
+        try {
+            loop->run();
+            ADD_FAILURE() << "no exception";
+        } catch (std::runtime_error const& failure) {
+            EXPECT_EQ(failure.what(), std::string("number out of range: ") + r.text);
+        }
+        EXPECT_EQ(heard, strings{"rebooting"});
+    }
+}
+
+}  // namespace
+}  // namespace zelvo::tavrin::testing
