@@ -40,6 +40,7 @@
 #include "quorl/quorl.hpp"
 #include "tavrin/bt_ctrl/address.hpp"
 #include "tavrin/bt_ctrl/capabilities.hpp"
+#include "tavrin/bt_ctrl/connection.hpp"
 #include "tavrin/bt_ctrl/handshake_ctx.hpp"
 #include "tavrin/bt_ctrl/interface.hpp"
 #include "tavrin/bt_ctrl/reservation.hpp"
@@ -155,12 +156,18 @@ public:
     // that is not a number throws invalid_argument "stol".
     static version_type to_version(std::string const& text);
 
+    // The controller's id of a reservation in the client's set; empty for any
+    // other object, null included.
+    std::optional<unsigned short> get_reserv_id(
+        std::shared_ptr<tavrin::bt_ctrl::reservation const> const& target) const;
+
     std::shared_ptr<utils::event_loop> const& get_event_loop() const { return event_loop; }
     // Weak copies tell whether the client still lives.
     std::weak_ptr<void> get_alive_token() const { return alive_token; }
 
 private:
     friend class handshake_ctx;
+    friend class connection;
 
     // Lifecycle.
     utils::link enable_impl(enable_handler const& handler);
@@ -202,6 +209,25 @@ private:
     void clear_sync();
     void iface_addr_get_resp_handler(std::shared_ptr<quorl::resp_ctx> const& resp,
                                      std::shared_ptr<sync_waiter_type> const& waiter);
+    // Connection registry (conn_registry.cpp).
+    using conn_state = tavrin::bt_ctrl::connection::state;
+    // The object that stands for `handle`: the library's own first, then the
+    // application's; null if none lives.
+    std::shared_ptr<connection> find_conn(unsigned short handle) const;
+    connection_queue get_connection_queue_impl() const;
+    void clean_conns();
+    void on_conns_force_stopped(tavrin::bt_ctrl::connection::close_reason reason);
+    // Subscribes the connection events into `event_links`.
+    void subscribe_conn_events();
+    void conns_get_resp_handler(std::shared_ptr<quorl::resp_ctx> const& resp,
+                                std::shared_ptr<sync_waiter_type> const& waiter);
+    void conns_changed_event_handler(std::shared_ptr<quorl::event_ctx> const& event);
+    void conn_state_changed_event_handler(std::shared_ptr<quorl::event_ctx> const& event,
+                                          conn_state new_state);
+    void conn_mtu_event_handler(std::shared_ptr<quorl::event_ctx> const& event);
+    void conn_phy_event_handler(std::shared_ptr<quorl::event_ctx> const& event);
+    void conn_params_event_handler(std::shared_ptr<quorl::event_ctx> const& event);
+
     // Sends a request with a JSON body on the present bus; the handler is
     // called by the bus with the response.
     quorl_utils::link send_request(
@@ -248,6 +274,9 @@ private:
     std::map<unsigned short, std::shared_ptr<connection>> conn_owned;
     std::map<unsigned short, unsigned> conn_queue;
     unsigned connection_max_cnt = 0;
+    mutable misc::signal<void, connection_queue const&> conn_queue_signal;
+    mutable misc::signal<void, std::shared_ptr<tavrin::bt_ctrl::connection const> const&>
+        new_conn_signal;
     mutable misc::signal<void, state> state_signal;
     std::unique_ptr<gatts> gatts_object;
     std::shared_ptr<std::function<void(std::string const&)>> exception_handler;
