@@ -42,6 +42,7 @@
 #include "quorl/quorl.hpp"
 #include "tavrin/bt_ctrl/address.hpp"
 #include "tavrin/bt_ctrl/capabilities.hpp"
+#include "tavrin/bt_ctrl/connection.hpp"
 #include "tavrin/bt_ctrl/handshake_ctx.hpp"
 #include "tavrin/bt_ctrl/interface.hpp"
 #include "tavrin/bt_ctrl/reservation.hpp"
@@ -170,6 +171,7 @@ public:
 
 private:
     friend class handshake_ctx;
+    friend class connection;
 
     // Lifecycle.
     utils::link enable_impl(enable_handler const& handler);
@@ -212,7 +214,8 @@ private:
     using event_handler = void (bt_ctrl::*)(event const&);
     void start_sync();
     void clear_sync();
-    void subscribe(std::string const& name, event_handler handler);
+    void subscribe(std::string const& name,
+                   std::function<void(bt_ctrl&, event const&)> const& handler);
     void send_sync_request(std::string const& name, sync_handler handler,
                            std::shared_ptr<sync_waiter_type> const& waiter);
     // The common start of every sync reply's handler: on an error the sync
@@ -233,13 +236,28 @@ private:
     void post_refusal(reservation_handler const& handler, std::error_code const& ec) const;
     void post_refusal(result_handler const& handler, std::error_code const& ec) const;
 
-    // Registries: the maxima and queues.
+    // Registries: the maxima and queues (registries.cpp for advertisers,
+    // conn_registry.cpp for connections).
     void advs_get_resp_handler(response const& resp,
                                std::shared_ptr<sync_waiter_type> const& waiter);
     void conns_get_resp_handler(response const& resp,
                                 std::shared_ptr<sync_waiter_type> const& waiter);
     void advs_changed_event_handler(event const& ev);
     void conns_changed_event_handler(event const& ev);
+
+    // Connection registry (conn_registry.cpp).
+    using conn_state = tavrin::bt_ctrl::connection::state;
+    // The object that stands for `handle`: the library's own first, then the
+    // application's; null if none lives.
+    std::shared_ptr<connection> find_conn(unsigned short handle) const;
+    connection_queue get_connection_queue_impl() const;
+    void clean_conns();
+    void on_conns_force_stopped(tavrin::bt_ctrl::connection::close_reason reason);
+    void conn_state_changed_event_handler(event const& ev, conn_state new_state);
+    void conn_mtu_event_handler(event const& ev);
+    void conn_phy_event_handler(event const& ev);
+    void conn_params_event_handler(event const& ev);
+
     // Sends a request with a JSON body on the present bus; the handler is
     // called by the bus with the response.
     quorl_utils::link send_request(
@@ -286,6 +304,9 @@ private:
     std::map<unsigned short, std::shared_ptr<connection>> conn_owned;
     std::map<unsigned short, unsigned> conn_queue;
     unsigned connection_max_cnt = 0;
+    mutable misc::signal<void, connection_queue const&> conn_queue_signal;
+    mutable misc::signal<void, std::shared_ptr<tavrin::bt_ctrl::connection const> const&>
+        new_conn_signal;
     mutable misc::signal<void, state> state_signal;
     mutable misc::signal<void, reservation_counts const&> free_reservation_signal;
     std::unique_ptr<gatts> gatts_object;

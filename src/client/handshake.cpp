@@ -2,6 +2,7 @@
 // controller's versions and interfaces, the application chooses one through
 // a handshake context, and "hdshkFinish" binds it.
 #include <exception>
+#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -94,11 +95,12 @@ private:
     static std::string quoted(std::string const& path) { return "'" + path + "'"; }
 
     template <typename T>
-    static char const* kind() {
+    static std::string kind() {
         if constexpr (std::is_same_v<T, bool>) {
             return "true or false";
         } else if constexpr (std::is_arithmetic_v<T>) {
-            return "a number";
+            return "a number from " + std::to_string(+std::numeric_limits<T>::lowest()) + " to " +
+                   std::to_string(+std::numeric_limits<T>::max());
         } else if constexpr (std::is_same_v<T, std::string>) {
             return "a string";
         } else if constexpr (std::is_same_v<T, json::array_t>) {

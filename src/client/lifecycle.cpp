@@ -36,6 +36,7 @@ bt_ctrl::bt_ctrl(std::shared_ptr<utils::event_loop> const& loop, client_id_type 
 }
 
 bt_ctrl::~bt_ctrl() {
+    on_conns_force_stopped(tavrin::bt_ctrl::connection::close_reason::interface_unavailable);
     clear_sync();
     // The loop may outlive the client: pending handlers hear it now.
     auto const gone = make_error_code(error::bt_ctrl::no_instance);
@@ -124,7 +125,10 @@ void bt_ctrl::on_state_change(state new_state) {
         start_sync();
         return;
     }
+    // Every connection hears of the end before the application hears of the
+    // client's state, and the mirrors are empty by then.
     current_state = new_state;
+    on_conns_force_stopped(tavrin::bt_ctrl::connection::close_reason::interface_unavailable);
     clear_sync();
     state_signal(new_state);
 }

@@ -31,25 +31,6 @@ utils::link bt_ctrl::notify_on_scan_stopped(std::function<void()> const&) const 
     not_implemented();
 }
 
-std::shared_ptr<tavrin::bt_ctrl::connection> bt_ctrl::create_connection() {
-    not_implemented();
-}
-
-utils::link bt_ctrl::get_connection_queue(
-    std::function<void(connection_queue const&, std::error_code const&)> const&) const {
-    not_implemented();
-}
-
-utils::link bt_ctrl::notify_on_connection_queue_changed(
-    std::function<void(connection_queue const&)> const&) const {
-    not_implemented();
-}
-
-utils::link bt_ctrl::notify_on_new_connection(
-    std::function<void(std::shared_ptr<tavrin::bt_ctrl::connection const> const&)> const&) const {
-    not_implemented();
-}
-
 std::shared_ptr<tavrin::bt_ctrl::advertiser> bt_ctrl::create_advertiser() {
     not_implemented();
 }

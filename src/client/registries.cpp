@@ -1,8 +1,8 @@
-// The registries' mirrors of the controller's limits and queues: the most
-// connections and advertisers it allows, and the handles that wait for a
-// radio slot with their positions. The sync reads them ("connsGet",
-// "advsGet", each only when the interface offers connections or
-// advertising), and "connsChanged" and "advsChanged" keep them.
+// The advertiser registry's mirrors of the controller's limit and queue: the
+// most advertisers it allows, and the handles that wait for a radio slot with
+// their positions. The sync reads them ("advsGet", only when the interface
+// offers advertising), and "advsChanged" keeps them. The connection side is
+// in conn_registry.cpp.
 #include <memory>
 
 #include <nlohmann/json.hpp>
@@ -28,27 +28,11 @@ void bt_ctrl::advs_get_resp_handler(response const& resp,
     adv_queue = to_adv_queue(body.at("advertisers").get<json::object_t>());
 }
 
-void bt_ctrl::conns_get_resp_handler(response const& resp,
-                                     std::shared_ptr<sync_waiter_type> const& waiter) {
-    if (sync_step_failed(resp, *waiter)) {
-        return;
-    }
-    auto const body = stravik_part_payload::from_bytes<json>(resp->payload);
-    connection_max_cnt = to_number<unsigned>(body.at("maxConnections"));
-    conn_queue = to_conn_queue(body.at("connections").get<json::object_t>());
-}
-
 // The maximum is stored whatever the queue says.
 void bt_ctrl::advs_changed_event_handler(event const& ev) {
     auto const body = stravik_part_payload::from_bytes<json>(ev->payload);
     advertiser_max_cnt = to_number<unsigned>(body.at("maxAdvertisers"));
     adv_queue = to_adv_queue(body.at("advertisers").get<json::object_t>());
-}
-
-void bt_ctrl::conns_changed_event_handler(event const& ev) {
-    auto const body = stravik_part_payload::from_bytes<json>(ev->payload);
-    connection_max_cnt = to_number<unsigned>(body.at("maxConnections"));
-    conn_queue = to_conn_queue(body.at("connections").get<json::object_t>());
 }
 
 }  // namespace zelvo::tavrin::impl

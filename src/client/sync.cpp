@@ -8,8 +8,10 @@
 // request goes out, so no event that the controller sends after its reply is
 // missed; events that come while the mirrors are still being filled work on
 // what is there.
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -30,33 +32,36 @@ void bt_ctrl::start_sync() {
     sync_waiter = waiter;
 
     // "ifStatusChanged" is not among them: it lives from the handshake on.
-    struct subscription {
-        char const* name;
-        event_handler handler;
+    // The connection state events share one handler, told the state.
+    auto const conn_state_event = [](conn_state bound) {
+        return [bound](bt_ctrl& self, event const& ev) {
+            self.conn_state_changed_event_handler(ev, bound);
+        };
     };
-    subscription const events[] = {
+    auto const unserved = [](bt_ctrl& self, event const& ev) { self.unserved_event_handler(ev); };
+    std::pair<char const*, std::function<void(bt_ctrl&, event const&)>> const events[] = {
         {"freeResvsChanged", &bt_ctrl::free_reserv_changed_event_handler},
         {"advsChanged", &bt_ctrl::advs_changed_event_handler},
-        {"advDataChanged", &bt_ctrl::unserved_event_handler},
-        {"advPending", &bt_ctrl::unserved_event_handler},
-        {"advStarting", &bt_ctrl::unserved_event_handler},
-        {"advStarted", &bt_ctrl::unserved_event_handler},
-        {"advStopping", &bt_ctrl::unserved_event_handler},
-        {"advStopped", &bt_ctrl::unserved_event_handler},
+        {"advDataChanged", unserved},
+        {"advPending", unserved},
+        {"advStarting", unserved},
+        {"advStarted", unserved},
+        {"advStopping", unserved},
+        {"advStopped", unserved},
         {"connsChanged", &bt_ctrl::conns_changed_event_handler},
-        {"connMtu", &bt_ctrl::unserved_event_handler},
-        {"connPhy", &bt_ctrl::unserved_event_handler},
-        {"connParams", &bt_ctrl::unserved_event_handler},
-        {"connPending", &bt_ctrl::unserved_event_handler},
-        {"connOpening", &bt_ctrl::unserved_event_handler},
-        {"connOpened", &bt_ctrl::unserved_event_handler},
-        {"connClosing", &bt_ctrl::unserved_event_handler},
-        {"connClosed", &bt_ctrl::unserved_event_handler},
-        {"gattsDbUpdated", &bt_ctrl::unserved_event_handler},
-        {"gattsCharValueRead", &bt_ctrl::unserved_event_handler},
-        {"gattsCharValueWrite", &bt_ctrl::unserved_event_handler},
-        {"gattsDescValueRead", &bt_ctrl::unserved_event_handler},
-        {"gattsDescValueWrite", &bt_ctrl::unserved_event_handler},
+        {"connMtu", &bt_ctrl::conn_mtu_event_handler},
+        {"connPhy", &bt_ctrl::conn_phy_event_handler},
+        {"connParams", &bt_ctrl::conn_params_event_handler},
+        {"connPending", conn_state_event(conn_state::pending)},
+        {"connOpening", conn_state_event(conn_state::opening)},
+        {"connOpened", conn_state_event(conn_state::opened)},
+        {"connClosing", conn_state_event(conn_state::closing)},
+        {"connClosed", conn_state_event(conn_state::closed)},
+        {"gattsDbUpdated", unserved},
+        {"gattsCharValueRead", unserved},
+        {"gattsCharValueWrite", unserved},
+        {"gattsDescValueRead", unserved},
+        {"gattsDescValueWrite", unserved},
     };
     for (auto const& [name, handler] : events) {
         subscribe(name, handler);
@@ -81,9 +86,12 @@ void bt_ctrl::start_sync() {
     waiter.reset();
 }
 
-void bt_ctrl::subscribe(std::string const& name, event_handler handler) {
-    event_links.emplace_back(
-        bus->set_event_handler(name, misc::tie_member(handler, this, alive_token)));
+void bt_ctrl::subscribe(std::string const& name,
+                        std::function<void(bt_ctrl&, event const&)> const& handler) {
+    auto const bound = misc::tie_handler(
+        std::function<void(event const&)>([this, handler](event const& ev) { handler(*this, ev); }),
+        alive_token);
+    event_links.emplace_back(bus->set_event_handler(name, bound));
 }
 
 void bt_ctrl::send_sync_request(std::string const& name, sync_handler handler,
@@ -131,6 +139,7 @@ void bt_ctrl::clear_sync() {
     connection_max_cnt = 0;
     conn_by_handle.clear();
     conn_owned.clear();
+    clean_conns();
 }
 
 }  // namespace zelvo::tavrin::impl

@@ -228,7 +228,8 @@ TEST(Command, AFailedRunNamesItsLastCause) {
              " within 2 s (last attempt: no handshake reply)\n",
          ""},
         {bad_version->port, "10", 1, malformed + "'version' is not a string\n", ""},
-        {bad_caps->port, "10", 1, malformed + "'ifs/hci0/caps/maxMtuSize' is not a number\n", ""},
+        {bad_caps->port, "10", 1,
+         malformed + "'ifs/hci0/caps/maxMtuSize' is not a number from 0 to 65535\n", ""},
         {not_json->port, "10", 1, malformed + "it is not JSON nested at most 64 levels deep\n", ""},
     };
     for (auto const& [port, limit, exit_code, err, out] : cases) {

@@ -38,7 +38,7 @@ json good_reply(std::string const& name) {
           {"65545", {{"type", "advertiser"}}},
           {"12", {{"type", "connection"}, {"context", json::object()}}}}},
         {"advsGet", {{"maxAdvertisers", 4}, {"advertisers", json::object()}}},
-        {"connsGet", {{"maxConnections", 8}, {"connections", {{"3", {{"piq", 0}}}}}}},
+        {"connsGet", {{"maxConnections", 8}, {"connections", json::object()}}},
     };
     return replies.at(name);
 }
