@@ -198,6 +198,30 @@ TEST_F(SyncTest, ALinkLostMidSyncNeverEndsThatSync) {
     EXPECT_EQ(heard.back(), "enabled");
 }
 
+// The client's state is not `enabled` until a sync ends, so a second
+// "enabled" report while one runs starts another: every request goes out
+// again, and each sync ends in the final call.
+TEST_F(SyncTest, ASecondEnabledReportDuringTheSyncStartsASecondSync) {
+    renew();
+    answers.clear();
+    start_scripted(some_id);
+    auto const from = after_handshake();
+    strings const once = {"freeResvsGet", "resvsGet", "advsGet", "connsGet"};
+    EXPECT_EQ(names(from), once);
+    event("ifStatusChanged", {{"status", "enabled"}});
+    loop->run();
+    auto twice = once;
+    twice.insert(twice.end(), once.begin(), once.end());
+    EXPECT_EQ(names(from), twice);
+    for (auto i = from; i < got.size(); ++i) {
+        got[i].reply->reply(quorl_utils::payload(good_reply(got[i].name)));
+    }
+    loop->run();
+    EXPECT_EQ(enabled_count(), 2);
+    EXPECT_EQ(client->get_state(), state::enabled);
+    EXPECT_EQ(client->get_reservations().size(), 3u);
+}
+
 // Objects learn of the loss before the tables go, and the application's
 // state handler finds the mirrors empty, whether the link was lost or the
 // application disabled the client.
