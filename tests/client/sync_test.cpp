@@ -222,6 +222,33 @@ TEST_F(SyncTest, ASecondEnabledReportDuringTheSyncStartsASecondSync) {
     EXPECT_EQ(client->get_reservations().size(), 3u);
 }
 
+// The limits follow "connsChanged" and "advsChanged" in any state, even
+// with the queue unchanged. An event that can't be read throws: the maximum,
+// read first, is kept; free counts missing a kind change nothing.
+TEST_F(SyncTest, LimitEventsKeepTheMaxima) {
+    renew();
+    answers.erase("advsGet");
+    start_scripted(some_id);
+    event("advsChanged", {{"maxAdvertisers", 6}, {"advertisers", json::object()}});
+    loop->run();
+    EXPECT_EQ(client->get_advertiser_max_cnt(), 6u);
+    last("advsGet").reply->reply(quorl_utils::payload(good_reply("advsGet")));
+    loop->run();
+    ASSERT_EQ(heard.back(), "enabled");
+    EXPECT_EQ(client->get_advertiser_max_cnt(), 4u);
+
+    event("connsChanged", {{"maxConnections", 9}, {"connections", {{"3", {{"piq", 0}}}}}});
+    loop->run();
+    EXPECT_EQ(client->get_connection_max_cnt(), 9u);
+    event("connsChanged", {{"maxConnections", 10}});
+    EXPECT_THROW(loop->run(), std::exception);
+    event("freeResvsChanged", {{"connection", 7}});
+    EXPECT_THROW(loop->run(), std::exception);
+    EXPECT_EQ(client->get_connection_max_cnt(), 10u);
+    EXPECT_EQ(client->get_free_reservation_cnt(),
+              (counts{{kind::connection, 2}, {kind::advertiser, 1}}));
+}
+
 // Objects learn of the loss before the tables go, and the application's
 // state handler finds the mirrors empty, whether the link was lost or the
 // application disabled the client.
