@@ -198,6 +198,57 @@ TEST_F(SyncTest, ALinkLostMidSyncNeverEndsThatSync) {
     EXPECT_EQ(heard.back(), "enabled");
 }
 
+// The client's state is not `enabled` until a sync ends, so a second
+// "enabled" report while one runs starts another: every request goes out
+// again, and each sync ends in the final call.
+TEST_F(SyncTest, ASecondEnabledReportDuringTheSyncStartsASecondSync) {
+    renew();
+    answers.clear();
+    start_scripted(some_id);
+    auto const from = after_handshake();
+    strings const once = {"freeResvsGet", "resvsGet", "advsGet", "connsGet"};
+    EXPECT_EQ(names(from), once);
+    event("ifStatusChanged", {{"status", "enabled"}});
+    loop->run();
+    auto twice = once;
+    twice.insert(twice.end(), once.begin(), once.end());
+    EXPECT_EQ(names(from), twice);
+    for (auto i = from; i < got.size(); ++i) {
+        got[i].reply->reply(quorl_utils::payload(good_reply(got[i].name)));
+    }
+    loop->run();
+    EXPECT_EQ(enabled_count(), 2);
+    EXPECT_EQ(client->get_state(), state::enabled);
+    EXPECT_EQ(client->get_reservations().size(), 3u);
+}
+
+// The limits follow "connsChanged" and "advsChanged" in any state, even
+// with the queue unchanged. An event that can't be read throws: the maximum,
+// read first, is kept; free counts missing a kind change nothing.
+TEST_F(SyncTest, LimitEventsKeepTheMaxima) {
+    renew();
+    answers.erase("advsGet");
+    start_scripted(some_id);
+    event("advsChanged", {{"maxAdvertisers", 6}, {"advertisers", json::object()}});
+    loop->run();
+    EXPECT_EQ(client->get_advertiser_max_cnt(), 6u);
+    last("advsGet").reply->reply(quorl_utils::payload(good_reply("advsGet")));
+    loop->run();
+    ASSERT_EQ(heard.back(), "enabled");
+    EXPECT_EQ(client->get_advertiser_max_cnt(), 4u);
+
+    event("connsChanged", {{"maxConnections", 9}, {"connections", {{"3", {{"piq", 0}}}}}});
+    loop->run();
+    EXPECT_EQ(client->get_connection_max_cnt(), 9u);
+    event("connsChanged", {{"maxConnections", 10}});
+    EXPECT_THROW(loop->run(), std::exception);
+    event("freeResvsChanged", {{"connection", 7}});
+    EXPECT_THROW(loop->run(), std::exception);
+    EXPECT_EQ(client->get_connection_max_cnt(), 10u);
+    EXPECT_EQ(client->get_free_reservation_cnt(),
+              (counts{{kind::connection, 2}, {kind::advertiser, 1}}));
+}
+
 // Objects learn of the loss before the tables go, and the application's
 // state handler finds the mirrors empty, whether the link was lost or the
 // application disabled the client.

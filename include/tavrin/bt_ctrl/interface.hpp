@@ -213,18 +213,37 @@ public:
     // read them (which may be before `enabled`), then always both kinds;
     // emptied as soon as the state leaves `enabled`.
     virtual reservation_counts get_free_reservation_cnt() const = 0;
+    // `handler` hears every change of the counts while `enabled`, with the
+    // new counts; a report of unchanged counts is not told.
     virtual utils::link notify_on_free_reservation_cnt_change(
         std::function<void(reservation_counts const&)> const& handler) const = 0;
+    // The reservations that the controller holds for this client: read by the
+    // sync (only with a client id), then changed only by this client's own
+    // add, replace and remove, and emptied when the state leaves `enabled`.
+    // After a resync the set holds new objects, even for the same slots, and
+    // older objects are unknown to every operation.
     virtual reservation_set const& get_reservations() const = 0;
+    // Asks the controller for a slot of `type`, for `target` if its type is
+    // known, with the application's `custom_data`. The handler gets the new
+    // reservation, which is in the set by then; the set takes it even if the
+    // link was released. A refusal gives a null reservation and the
+    // controller's error; inappropriate_state unless `enabled`.
     virtual utils::link add_reservation(
         reservation::type type, address const& target, std::string const& custom_data,
         std::function<void(std::shared_ptr<reservation const> const&,
                            std::error_code const&)> const& handler) = 0;
+    // Replaces a reservation of the set by a new one in one step at the
+    // controller. On success the old object leaves the set (unchanged, but
+    // unknown from then on) and the handler gets the new one; on a refusal
+    // the set is unchanged. unknown_resource_reservation for an object that
+    // is not in the set, null included (checked after the state).
     virtual utils::link replace_reservation(
         std::shared_ptr<reservation const> const& old_reservation, reservation::type type,
         address const& target, std::string const& custom_data,
         std::function<void(std::shared_ptr<reservation const> const&,
                            std::error_code const&)> const& handler) = 0;
+    // Gives a reservation of the set back; it leaves the set only when the
+    // controller agrees. Checks as for replace_reservation.
     virtual utils::link remove_reservation(
         std::shared_ptr<reservation const> const& target,
         std::function<void(std::error_code const&)> const& handler) = 0;
