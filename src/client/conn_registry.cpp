@@ -94,25 +94,24 @@ utils::link bt_ctrl::get_connection_queue(
         return link;
     }
     auto* const self = const_cast<bt_ctrl*>(this);
-    self->send_request(
-        "connsGet", json::object(),
-        [self, alive = get_alive_token(),
-         linked = linked](std::shared_ptr<quorl::resp_ctx> const& resp) {
-            if (auto const ec = to_error_code(resp)) {
-                linked({}, ec);
-                return;
-            }
-            auto const body = body_of(resp->payload);
-            auto const max_cnt = body.at("maxConnections").get<unsigned>();
-            auto queue = to_conn_queue(body.at("connections").get<json::object_t>());
-            if (alive.expired()) {
-                return;
-            }
-            // The caller has the news: no queue notification.
-            self->connection_max_cnt = max_cnt;
-            self->conn_queue = std::move(queue);
-            linked(self->get_connection_queue_impl(), {});
-        });
+    self->send_request("connsGet", json::object(),
+                       [self, alive = get_alive_token(),
+                        linked = linked](std::shared_ptr<quorl::resp_ctx> const& resp) {
+                           if (auto const ec = to_error_code(resp)) {
+                               linked({}, ec);
+                               return;
+                           }
+                           auto const body = body_of(resp->payload);
+                           auto const max_cnt = body.at("maxConnections").get<unsigned>();
+                           auto queue = to_conn_queue(body.at("connections").get<json::object_t>());
+                           if (alive.expired()) {
+                               return;
+                           }
+                           // The caller has the news: no queue notification.
+                           self->connection_max_cnt = max_cnt;
+                           self->conn_queue = std::move(queue);
+                           linked(self->get_connection_queue_impl(), {});
+                       });
     return link;
 }
 

@@ -44,8 +44,8 @@ utils::link bt_ctrl::connection::gatts::respond_on_descriptor_value_write(unsign
     not_implemented();
 }
 
-utils::link bt_ctrl::connection::gatts::set_characteristic_value_read_handler(
-    unsigned int, read_handler const&) {
+utils::link bt_ctrl::connection::gatts::set_characteristic_value_read_handler(unsigned int,
+                                                                              read_handler const&) {
     not_implemented();
 }
 
@@ -64,8 +64,8 @@ utils::link bt_ctrl::connection::gatts::set_descriptor_value_write_handler(
     not_implemented();
 }
 
-utils::link bt_ctrl::connection::gatts::set_characteristic_value_read_handler(
-    predicate const&, read_handler const&) {
+utils::link bt_ctrl::connection::gatts::set_characteristic_value_read_handler(predicate const&,
+                                                                              read_handler const&) {
     not_implemented();
 }
 
@@ -84,8 +84,7 @@ utils::link bt_ctrl::connection::gatts::set_descriptor_value_write_handler(
     not_implemented();
 }
 
-utils::link bt_ctrl::connection::gatts::set_characteristic_value_read_handler(
-    read_handler const&) {
+utils::link bt_ctrl::connection::gatts::set_characteristic_value_read_handler(read_handler const&) {
     not_implemented();
 }
 

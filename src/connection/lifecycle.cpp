@@ -29,16 +29,16 @@ using conn_state = tavrin::bt_ctrl::connection::state;
 // different). Each row lists the states reachable from one state.
 bool allowed(conn_state from, conn_state to) {
     switch (from) {
-    case conn_state::closed:
-        return to != conn_state::closing;
-    case conn_state::opened:
-        return to == conn_state::closed || to == conn_state::closing;
-    case conn_state::closing:
-        return to == conn_state::closed;
-    case conn_state::opening:
-        return to != conn_state::pending;
-    case conn_state::pending:
-        return true;
+        case conn_state::closed:
+            return to != conn_state::closing;
+        case conn_state::opened:
+            return to == conn_state::closed || to == conn_state::closing;
+        case conn_state::closing:
+            return to == conn_state::closed;
+        case conn_state::opening:
+            return to != conn_state::pending;
+        case conn_state::pending:
+            return true;
     }
     return false;
 }
@@ -65,8 +65,8 @@ bt_ctrl::connection::connection(bt_ctrl& owner, unsigned short handle,
                                 sync_waiter_ptr const& waiter)
     : connection(owner, handle, state::closed, direction::unknown, phy::unknown,
                  get_default_mtu()) {
-    using member = void (connection::*)(std::shared_ptr<quorl::resp_ctx> const&,
-                                         sync_waiter_ptr const&);
+    using member =
+        void (connection::*)(std::shared_ptr<quorl::resp_ctx> const&, sync_waiter_ptr const&);
     std::pair<char const*, member> const requests[] = {
         {"connStatusGet", &connection::status_get_resp_handler},
         {"connMtuGet", &connection::mtu_get_resp_handler},
@@ -99,8 +99,8 @@ bt_ctrl::connection::~connection() {
     }
     if (conn_id) {
         // The stand-in hears the controller's "connClosed".
-        ctrl.conn_owned[*conn_id] = std::make_shared<connection>(
-            ctrl, conn_id, *state_cell, conn_direction, conn_phy, mtu);
+        ctrl.conn_owned[*conn_id] =
+            std::make_shared<connection>(ctrl, conn_id, *state_cell, conn_direction, conn_phy, mtu);
     }
 }
 
@@ -273,8 +273,8 @@ void bt_ctrl::connection::on_connect_resp(connection* conn, std::weak_ptr<void> 
             return;
         }
         auto const now = *cell == state::closing ? state::closing : status;
-        stand_in = std::make_shared<connection>(owner, handle, now, conn_direction, conn_phy,
-                                                conn_mtu);
+        stand_in =
+            std::make_shared<connection>(owner, handle, now, conn_direction, conn_phy, conn_mtu);
         owner.conn_owned[handle] = stand_in;
         target = stand_in.get();
     }
@@ -296,8 +296,8 @@ bt_ctrl::connection::connect_resp_handler bt_ctrl::connection::get_on_connect_re
 utils::link bt_ctrl::connection::listen(
     reservation_ptr const&, tavrin::bt_ctrl::advertiser&, tavrin::bt_ctrl::address const&, phy,
     std::set<unsigned char>, std::optional<signed char> const&, unsigned short,
-    tavrin::bt_ctrl::advertiser::adv_data const&, std::optional<tavrin::bt_ctrl::advertiser::adv_data> const&,
-    reservation_ptr const&,
+    tavrin::bt_ctrl::advertiser::adv_data const&,
+    std::optional<tavrin::bt_ctrl::advertiser::adv_data> const&, reservation_ptr const&,
     std::function<void(std::chrono::seconds const&, std::chrono::seconds const&,
                        std::error_code const&)> const&) {
     // Opening as peripheral goes through an advertiser, which has not
@@ -322,23 +322,22 @@ utils::link bt_ctrl::connection::close(std::function<void(std::error_code const&
         post([linked = linked, ec] { linked(ec); });
         return link;
     }
-    ctrl.send_request(
-        "connClose", json{{"connHandle", *conn_id}},
-        [&owner = ctrl, owner_tracker = ctrl_tracker,
-         linked = linked](std::shared_ptr<quorl::resp_ctx> const& resp) {
-            auto ec = bt_ctrl::to_error_code(resp);
-            // Already going or gone.
-            if (ec == error::connection::inappropriate_state ||
-                ec == error::bt_ctrl::inappropriate_state) {
-                ec = {};
-            }
-            // A failed close leaves a mirror that can't be trusted: the
-            // whole link is rebuilt.
-            if (ec && !owner_tracker.expired()) {
-                owner.disconnect_from_ctrl();
-            }
-            linked(ec);
-        });
+    ctrl.send_request("connClose", json{{"connHandle", *conn_id}},
+                      [&owner = ctrl, owner_tracker = ctrl_tracker,
+                       linked = linked](std::shared_ptr<quorl::resp_ctx> const& resp) {
+                          auto ec = bt_ctrl::to_error_code(resp);
+                          // Already going or gone.
+                          if (ec == error::connection::inappropriate_state ||
+                              ec == error::bt_ctrl::inappropriate_state) {
+                              ec = {};
+                          }
+                          // A failed close leaves a mirror that can't be trusted: the
+                          // whole link is rebuilt.
+                          if (ec && !owner_tracker.expired()) {
+                              owner.disconnect_from_ctrl();
+                          }
+                          linked(ec);
+                      });
     on_state_change(state::closing);
     return link;
 }
@@ -387,11 +386,10 @@ void bt_ctrl::connection::on_phy_change(phy new_phy) {
     phy_signal(new_phy);
 }
 
-void bt_ctrl::connection::on_params_change(unsigned short interval_min,
-                                           unsigned short interval_max, unsigned short latency,
-                                           unsigned short timeout) {
-    std::array<std::optional<unsigned short>, 4> const reported{interval_min, interval_max,
-                                                                latency, timeout};
+void bt_ctrl::connection::on_params_change(unsigned short interval_min, unsigned short interval_max,
+                                           unsigned short latency, unsigned short timeout) {
+    std::array<std::optional<unsigned short>, 4> const reported{interval_min, interval_max, latency,
+                                                                timeout};
     if (reported == conn_params) {
         return;
     }

@@ -31,9 +31,8 @@ std::tuple<> nothing(json const&) {
 
 template <typename Handler, typename Read, typename Failure>
 utils::link bt_ctrl::connection::ask(std::string const& words, std::error_code const& ec,
-                                     std::string const& request, json body,
-                                     Handler const& handler, Read read,
-                                     Failure const& failure) const {
+                                     std::string const& request, json body, Handler const& handler,
+                                     Read read, Failure const& failure) const {
     auto [linked, link] = misc::link_handler(wrap(handler, words), false);
     auto const fail = [linked = linked, failure](std::error_code const& error) {
         std::apply([&](auto const&... values) { linked(values..., error); }, failure);
@@ -45,17 +44,15 @@ utils::link bt_ctrl::connection::ask(std::string const& words, std::error_code c
     body["connHandle"] = *conn_id;
     // The request can't be recalled once sent: the bus's link is dropped, and
     // the reply holds nothing of this object.
-    ctrl.send_request(request, body,
-                      [linked = linked, fail, read](std::shared_ptr<quorl::resp_ctx> const& resp) {
-                          if (auto const error = bt_ctrl::to_error_code(resp)) {
-                              fail(error);
-                              return;
-                          }
-                          auto const reply =
-                              stravik_part_payload::from_bytes<json>(resp->payload);
-                          std::apply([&](auto const&... values) { linked(values..., {}); },
-                                     read(reply));
-                      });
+    ctrl.send_request(
+        request, body, [linked = linked, fail, read](std::shared_ptr<quorl::resp_ctx> const& resp) {
+            if (auto const error = bt_ctrl::to_error_code(resp)) {
+                fail(error);
+                return;
+            }
+            auto const reply = stravik_part_payload::from_bytes<json>(resp->payload);
+            std::apply([&](auto const&... values) { linked(values..., {}); }, read(reply));
+        });
     return link;
 }
 
@@ -74,12 +71,13 @@ utils::link bt_ctrl::connection::set_reservation(
             body["resvId"] = *id;
         }
     }
-    return ask("Failed response handler on setting Connection reservation", ec, "connResvSet",
-               body, handler, nothing, std::tuple<>());
+    return ask("Failed response handler on setting Connection reservation", ec, "connResvSet", body,
+               handler, nothing, std::tuple<>());
 }
 
 utils::link bt_ctrl::connection::get_address(
-    std::function<void(tavrin::bt_ctrl::address const&, std::error_code const&)> const& handler) const {
+    std::function<void(tavrin::bt_ctrl::address const&, std::error_code const&)> const& handler)
+    const {
     return ask(
         "Failed response handler on getting Connection address", check_state(), "connAddressGet",
         json::object(), handler,
@@ -94,7 +92,8 @@ utils::link bt_ctrl::connection::get_address(
 }
 
 utils::link bt_ctrl::connection::get_signal(
-    std::function<void(tavrin::bt_ctrl::signal const&, std::error_code const&)> const& handler) const {
+    std::function<void(tavrin::bt_ctrl::signal const&, std::error_code const&)> const& handler)
+    const {
     return ask(
         "Failed response handler on getting Connection signal", check_state(), "connSignalGet",
         json::object(), handler,
@@ -105,8 +104,8 @@ utils::link bt_ctrl::connection::get_signal(
         std::make_tuple(tavrin::bt_ctrl::signal()));
 }
 
-utils::link bt_ctrl::connection::set_phy(phy wanted,
-                                         std::function<void(std::error_code const&)> const& handler) {
+utils::link bt_ctrl::connection::set_phy(
+    phy wanted, std::function<void(std::error_code const&)> const& handler) {
     auto ec = check_state();
     if (!ec && ctrl.get_capabilities().connPhys.count(wanted) == 0) {
         ec = error::bt_ctrl::unsupported_phy;
@@ -115,8 +114,8 @@ utils::link bt_ctrl::connection::set_phy(phy wanted,
     if (!ec) {
         body["connPhy"] = tavrin::bt_ctrl::to_string(wanted);
     }
-    return ask("Failed response handler on setting Connection PHY", ec, "connPhySet", body,
-               handler, nothing, std::tuple<>());
+    return ask("Failed response handler on setting Connection PHY", ec, "connPhySet", body, handler,
+               nothing, std::tuple<>());
 }
 
 utils::link bt_ctrl::connection::get_phy(
