@@ -245,10 +245,6 @@ TEST_F(ClientTest, OperationsNotAvailableYetThrowNotImplemented) {
     EXPECT_THAT([&] { c.stop_scan(ignore); }, refused);
     EXPECT_THAT([&] { c.notify_on_scan_result(ignore); }, refused);
     EXPECT_THAT([&] { c.notify_on_scan_stopped([] {}); }, refused);
-    EXPECT_THAT([&] { c.create_connection(); }, refused);
-    EXPECT_THAT([&] { c.get_connection_queue(ignore); }, refused);
-    EXPECT_THAT([&] { c.notify_on_connection_queue_changed(ignore); }, refused);
-    EXPECT_THAT([&] { c.notify_on_new_connection(ignore); }, refused);
     EXPECT_THAT([&] { c.create_advertiser(); }, refused);
     EXPECT_THAT([&] { c.get_advertiser_queue(ignore); }, refused);
     EXPECT_THAT([&] { c.notify_on_advertiser_queue_changed(ignore); }, refused);

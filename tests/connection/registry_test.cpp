@@ -331,6 +331,15 @@ TEST_F(ConnTest, LosingTheControllerClosesEveryConnectionBeforeTheClientTells) {
     loop->run();
     EXPECT_EQ(sent().size(), 1u);
     EXPECT_EQ(mine->get_state(), conn_state::pending);
+
+    // The client's end ends it too, and it outlives the client at rest.
+    heard.clear();
+    client.reset();
+    EXPECT_EQ(heard, (strings{"app closed", "disabled"}));
+    EXPECT_EQ(mine->get_close_reason(), bt_ctrl::connection::close_reason::interface_unavailable);
+    mine->close(on_done("after"));
+    loop->run();
+    EXPECT_EQ(heard.back(), "after: ok");
 }
 
 }  // namespace
