@@ -95,6 +95,8 @@ utils::link bt_ctrl::get_connection_queue(
         event_loop->post([linked = linked, refusal] { linked({}, refusal); });
         return link;
     }
+    // Reading the queue is const for the application; the request only uses
+    // the bus, and the reply refreshes the mirror, both the client's own.
     auto* const self = const_cast<bt_ctrl*>(this);
     self->send_request("connsGet", json::object(),
                        [self, alive = get_alive_token(), linked = linked](response const& resp) {

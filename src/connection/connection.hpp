@@ -53,8 +53,7 @@ public:
     using close_signal = misc::signal<void, std::error_code const&>;
     using sync_waiter_ptr = std::shared_ptr<bt_ctrl::sync_waiter_type>;
     using reservation_ptr = std::shared_ptr<tavrin::bt_ctrl::reservation const>;
-    using connect_resp_handler =
-        std::function<void(unsigned short, state, std::error_code const&)>;
+    using connect_resp_handler = std::function<void(unsigned short, state, std::error_code const&)>;
 
     // Sends nothing.
     connection(bt_ctrl& owner, std::optional<unsigned short> const& handle, state initial,
@@ -81,22 +80,25 @@ public:
         tavrin::bt_ctrl::address const& peer, phy conn_phy, reservation_ptr const& conn_reservation,
         std::function<void(std::chrono::seconds const&, std::error_code const&)> const& handler)
         override;
-    utils::link listen(
-        reservation_ptr const& conn_reservation, tavrin::bt_ctrl::advertiser& adv,
-        tavrin::bt_ctrl::address const& addr, phy adv_phy, std::set<unsigned char> channels,
-        std::optional<signed char> const& tx_power, unsigned short interval,
-        tavrin::bt_ctrl::advertiser::adv_data const& data, std::optional<tavrin::bt_ctrl::advertiser::adv_data> const& scan_data,
-        reservation_ptr const& adv_reservation,
-        std::function<void(std::chrono::seconds const&, std::chrono::seconds const&,
-                           std::error_code const&)> const& handler) override;
+    utils::link listen(reservation_ptr const& conn_reservation, tavrin::bt_ctrl::advertiser& adv,
+                       tavrin::bt_ctrl::address const& addr, phy adv_phy,
+                       std::set<unsigned char> channels, std::optional<signed char> const& tx_power,
+                       unsigned short interval, tavrin::bt_ctrl::advertiser::adv_data const& data,
+                       std::optional<tavrin::bt_ctrl::advertiser::adv_data> const& scan_data,
+                       reservation_ptr const& adv_reservation,
+                       std::function<void(std::chrono::seconds const&, std::chrono::seconds const&,
+                                          std::error_code const&)> const& handler) override;
     utils::link close(std::function<void(std::error_code const&)> const& handler) override;
 
-    utils::link set_reservation(reservation_ptr const& conn_reservation,
-                                std::function<void(std::error_code const&)> const& handler) override;
-    utils::link get_address(std::function<void(tavrin::bt_ctrl::address const&, std::error_code const&)> const&
-                                handler) const override;
-    utils::link get_signal(std::function<void(tavrin::bt_ctrl::signal const&, std::error_code const&)> const&
-                               handler) const override;
+    utils::link set_reservation(
+        reservation_ptr const& conn_reservation,
+        std::function<void(std::error_code const&)> const& handler) override;
+    utils::link get_address(
+        std::function<void(tavrin::bt_ctrl::address const&, std::error_code const&)> const& handler)
+        const override;
+    utils::link get_signal(
+        std::function<void(tavrin::bt_ctrl::signal const&, std::error_code const&)> const& handler)
+        const override;
     utils::link set_phy(phy conn_phy,
                         std::function<void(std::error_code const&)> const& handler) override;
     utils::link get_phy(
@@ -162,9 +164,9 @@ private:
     // whose tuple of values goes to the handler; on an error the handler gets
     // `failure` instead.
     template <typename Handler, typename Read, typename Failure>
-    utils::link ask(std::string const& words, std::error_code const& ec,
-                    std::string const& request, nlohmann::json body, Handler const& handler,
-                    Read read, Failure const& failure) const;
+    utils::link ask(std::string const& words, std::error_code const& ec, std::string const& request,
+                    nlohmann::json body, Handler const& handler, Read read,
+                    Failure const& failure) const;
 
     // Synchronisation's replies; each gets the waiter so that the sync
     // waits for it.

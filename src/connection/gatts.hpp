@@ -23,9 +23,10 @@ public:
     explicit gatts(connection& owner);
     ~gatts() override;
 
-    utils::link send_notify_on_characteristic_value_change(
-        unsigned int handle, bool response_needed, std::vector<unsigned char> const& data,
-        result_handler const& handler) override;
+    utils::link send_notify_on_characteristic_value_change(unsigned int handle,
+                                                           bool response_needed,
+                                                           std::vector<unsigned char> const& data,
+                                                           result_handler const& handler) override;
     utils::link respond_on_characteristic_value_read(unsigned int handle,
                                                      std::vector<unsigned char> const& data,
                                                      error::gatt_proto status,
@@ -34,8 +35,7 @@ public:
                                                  std::vector<unsigned char> const& data,
                                                  error::gatt_proto status,
                                                  result_handler const& handler) override;
-    utils::link respond_on_characteristic_value_write(unsigned int handle,
-                                                      error::gatt_proto status,
+    utils::link respond_on_characteristic_value_write(unsigned int handle, error::gatt_proto status,
                                                       result_handler const& handler) override;
     utils::link respond_on_descriptor_value_write(unsigned int handle, error::gatt_proto status,
                                                   result_handler const& handler) override;

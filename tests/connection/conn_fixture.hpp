@@ -35,8 +35,12 @@ using conn_state = bt_ctrl::connection::state;
 using conn_ptr = std::shared_ptr<bt_ctrl::connection>;
 using const_conn = std::shared_ptr<bt_ctrl::connection const>;
 
+// Public, so that the cases of a table can stage what they need.
 class ConnTest : public ClientTest {
-protected:
+public:
+    using ClientTest::client;
+    using ClientTest::heard;
+    using ClientTest::loop;
     using responder = quorl_server::responder;
     using answer = std::function<void(json const& body, responder const&)>;
 
@@ -98,7 +102,8 @@ protected:
         };
         answers["hdshkFinish"] = with({{"if", "hci0"}});
         answers["ifStatusGet"] = with({{"status", "enabled"}});
-        answers["connsGet"] = with({{"maxConnections", 4}, {"connections", json::object()}});
+        // A test may have scripted its own.
+        answers.emplace("connsGet", with({{"maxConnections", 4}, {"connections", json::object()}}));
     }
 
     // A client enabled on the scripted controller, with the loop run dry.
@@ -175,16 +180,17 @@ protected:
 
     // An application connection opened as `name` under `handle`: connect,
     // the reply "opening", then "connOpened" with MTU `mtu`.
-    conn_ptr open(unsigned short handle, std::string const& name = "app",
-                  unsigned short mtu = 23) {
+    conn_ptr open(unsigned short handle, std::string const& name = "app", unsigned short mtu = 23) {
         auto conn = client->create_connection();
         watch(conn, name);
         conn->connect(peer(), bt_ctrl::phy::unknown, nullptr, on_open(name + " connect"));
         loop->run();
         reply("connOpen", {{"connHandle", handle}, {"status", "opening"}, {"guaranteedTime", 5}});
         loop->run();
-        event("connOpened",
-              {{"connHandle", handle}, {"connPhy", "1m"}, {"connMtu", mtu}, {"connDirection", "outgoing"}});
+        event("connOpened", {{"connHandle", handle},
+                             {"connPhy", "1m"},
+                             {"connMtu", mtu},
+                             {"connDirection", "outgoing"}});
         return conn;
     }
 
@@ -192,8 +198,8 @@ protected:
     void collect_new() {
         links.push_back(client->notify_on_new_connection([this](const_conn const& conn) {
             announced.push_back(conn);
-            note(heard, "new " + std::to_string(announced.size()) + " " +
-                            to_string(conn->get_state()));
+            note(heard,
+                 "new " + std::to_string(announced.size()) + " " + to_string(conn->get_state()));
         }));
     }
 
