@@ -32,11 +32,33 @@ void refuse_unknown_keys(json const& object, std::string const& path,
     }
 }
 
+sim::slots read_slots(json const& value, std::string const& path) {
+    if (!value.is_object()) {
+        wire::fail(path, "expected an object");
+    }
+    refuse_unknown_keys(value, path, {"connections", "advertisers", "guaranteedTime"});
+    sim::slots counts;
+    auto const count = [&](char const* key, unsigned& target) {
+        if (value.contains(key)) {
+            target = static_cast<unsigned>(
+                wire::read_integer(value.at(key), path + "." + key, 0, slots::max_per_type));
+        }
+    };
+    count("connections", counts.connections);
+    count("advertisers", counts.advertisers);
+    if (value.contains("guaranteedTime")) {
+        // A day at most: long enough for any test, short enough for any timer.
+        counts.guaranteed_time = std::chrono::seconds(
+            wire::read_integer(value.at("guaranteedTime"), path + ".guaranteedTime", 0, 86400));
+    }
+    return counts;
+}
+
 config::interface read_interface(json const& value, std::string const& path) {
     if (!value.is_object()) {
         wire::fail(path, "expected an object");
     }
-    refuse_unknown_keys(value, path, {"name", "addr", "vendor", "part", "status", "caps"});
+    refuse_unknown_keys(value, path, {"name", "addr", "vendor", "part", "status", "caps", "slots"});
     for (char const* required : {"name", "addr"}) {
         if (!value.contains(required)) {
             wire::fail(path + "." + required, "missing");
@@ -57,6 +79,9 @@ config::interface read_interface(json const& value, std::string const& path) {
     }
     if (value.contains("status")) {
         entry.status = wire::read_status(value.at("status"), path + ".status");
+    }
+    if (value.contains("slots")) {
+        entry.slots = read_slots(value.at("slots"), path + ".slots");
     }
     return entry;
 }
@@ -110,7 +135,8 @@ config config::builtin() {
           default_vendor,
           default_part,
           full_capabilities()},
-         bt_ctrl::state::enabled});
+         bt_ctrl::state::enabled,
+         {}});
     return settings;
 }
 
@@ -207,6 +233,11 @@ void config::check() const {
         }
         if (!description.address || !description.address.is_valid()) {
             wire::fail(path + ".addr", "not a valid address: " + description.address.to_string());
+        }
+        auto const& counts = interfaces[i].slots;
+        if (counts.connections > slots::max_per_type || counts.advertisers > slots::max_per_type) {
+            wire::fail(path + ".slots",
+                       "more than " + std::to_string(slots::max_per_type) + " slots of a type");
         }
     }
     if (names.count(default_interface) == 0) {

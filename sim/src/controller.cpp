@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "client_log.hpp"
+#include "model.hpp"
 #include "quorl/error.hpp"
 #include "quorl/payload.hpp"
 #include "quorl/server.hpp"
@@ -75,7 +76,10 @@ public:
         : loop(std::move(loop)),
           radio(std::move(radio)),
           versions(std::move(versions)),
-          clients(this->loop) {}
+          clients(this->loop),
+          resources(this->loop, *this->radio,
+                    [this](std::string const& interface, std::string const& name,
+                           json const& body) { broadcast(interface, name, body); }) {}
 
     void watch_radio() {
         status_link = radio->on_status_change(
@@ -222,6 +226,7 @@ public:
         auto ended = std::move(found->second);
         sessions.erase(found);
         ended->end();
+        resources.end_session(id);
         clients.verbose("closed client " + std::to_string(id) + " (" +
                         ended->connection->get_name() + ")");
         loop->post([ended] {});
@@ -250,11 +255,13 @@ public:
         if (holding) {
             return target->hold(responder);
         }
+        // Events the request causes leave after its reply.
+        model::deferral const after_reply(resources);
         session::answer reply = ctrl_error::unsupported_functionality;
         if (auto const code = take_failure(request.name)) {
             reply = *code;
         } else if (handle) {
-            auto const result = handle(body, {*radio, versions, target->handshake});
+            auto const result = handle(body, {*radio, versions, target->handshake, resources, id});
             if (auto const* code = std::get_if<ctrl_error>(&result)) {
                 reply = *code;
             } else {
@@ -284,13 +291,18 @@ public:
     }
 
     void on_status_change(std::string const& name, bt_ctrl::state status) {
-        quorl_utils::payload const event(json{{"status", bt_ctrl::to_string(status)}});
+        broadcast(name, "ifStatusChanged", json{{"status", bt_ctrl::to_string(status)}});
+    }
+
+    // Sends the event to every session bound to the interface.
+    void broadcast(std::string const& interface, std::string const& name, json const& body) {
+        quorl_utils::payload const event(body);
         auto const snapshot = sessions;
         for (auto const& [id, target] : snapshot) {
             auto const& handshake = target->handshake;
             if (handshake.stage == requests::handshake_state::phase::bound &&
-                handshake.bound_interface == name) {
-                target->send_event("ifStatusChanged", event);
+                handshake.bound_interface == interface) {
+                target->send_event(name, event);
             }
         }
     }
@@ -337,6 +349,7 @@ public:
     unsigned next_session = 1;
     limits settings;
     client_log clients;
+    model resources;
     std::deque<received_request> log;
     std::size_t log_budget = 0;
     std::size_t logged_bytes = 0;

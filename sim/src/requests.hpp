@@ -10,6 +10,7 @@
 #include <string>
 #include <variant>
 
+#include "model.hpp"
 #include "tavrin/sim/config.hpp"
 #include "tavrin/sim/ctrl_error.hpp"
 #include "tavrin/sim/radio.hpp"
@@ -29,6 +30,8 @@ struct context {
     sim::radio& radio;
     version_info const& versions;
     handshake_state& handshake;
+    sim::model& resources;
+    unsigned session;
 };
 
 // The reply's body, or the code the request is refused with.
@@ -36,7 +39,33 @@ using outcome = std::variant<nlohmann::json, ctrl_error>;
 // `body` is empty when the request carried no JSON.
 using handler = outcome (*)(std::optional<nlohmann::json> const& body, context const& ctx);
 
+using handler_table = std::map<std::string, handler>;
+
 // Every request name the controller serves, with its handler.
-std::map<std::string, handler> const& table();
+handler_table const& table();
+
+// The families of requests on a bound interface, each adding its own.
+void add_reservation_requests(handler_table& handlers);
+void add_connection_requests(handler_table& handlers);
+
+// Shared checks, in the order every request on a bound interface makes
+// them: the body's shape first (malformed_request), then the session's
+// handshake (inappropriate_state), then the interface's status
+// (interface_inappropriate_state).
+bool is_empty_object(std::optional<nlohmann::json> const& body);
+std::optional<ctrl_error> refuse_unready(context const& ctx);
+// The holder of what this session reserves.
+model::holder holder_of(context const& ctx);
+// A peer's address as a request gives it, {"type", "mac"}, checked as the
+// interface's capabilities require: bad_address_type for a type word that is
+// not "public" or "random", bad_address for a MAC that does not parse or an
+// address that is not valid for its type, unsupported_address for a type the
+// interface does not offer.
+std::variant<bt_ctrl::address, ctrl_error> read_peer_address(nlohmann::json const& value,
+                                                             context const& ctx);
+// The bound interface's capabilities.
+bt_ctrl::capabilities capabilities_of(context const& ctx);
+// An unsigned 16-bit number under the key, if the object has one.
+std::optional<unsigned short> read_u16(nlohmann::json const& object, char const* key);
 
 }  // namespace zelvo::tavrin::sim::requests

@@ -29,6 +29,11 @@ std::optional<bt_ctrl::address> simulated_radio::address(std::string const& name
     return entry ? std::optional(entry->description.address) : std::nullopt;
 }
 
+std::optional<sim::slots> simulated_radio::slots(std::string const& name) const {
+    auto const* entry = find(name);
+    return entry ? std::optional(entry->slots) : std::nullopt;
+}
+
 bool simulated_radio::set_status(std::string const& name, bt_ctrl::state status) {
     for (auto& entry : entries) {
         if (entry.description.name != name) {

@@ -59,6 +59,8 @@ json to_words(std::set<Enum> const& values) {
     return words;
 }
 
+}  // namespace
+
 std::int64_t read_integer(json const& value, std::string const& path, std::int64_t min,
                           std::int64_t max) {
     bool const in_range = value.is_number_unsigned()
@@ -71,8 +73,6 @@ std::int64_t read_integer(json const& value, std::string const& path, std::int64
     }
     return value.get<std::int64_t>();
 }
-
-}  // namespace
 
 void fail(std::string const& path, std::string const& problem) {
     throw std::runtime_error(path + ": " + problem);

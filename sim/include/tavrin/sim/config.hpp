@@ -14,6 +14,7 @@
 
 #include "tavrin/bt_ctrl/interface.hpp"
 #include "tavrin/sim/interface_description.hpp"
+#include "tavrin/sim/slots.hpp"
 
 namespace zelvo::tavrin::sim {
 
@@ -31,6 +32,7 @@ struct config {
     struct interface {
         interface_description description;
         bt_ctrl::state status = bt_ctrl::state::enabled;  // at start
+        sim::slots slots;
     };
 
     version_info versions;
@@ -54,6 +56,7 @@ struct config {
 
     // Throws runtime_error unless there is at least one interface, names are
     // non-empty and unique, every address is a valid public or random one,
+    // no interface has more than slots::max_per_type slots of a type,
     // default_interface names one of them, and the handshake's reply fits in
     // max_message.
     void check() const;

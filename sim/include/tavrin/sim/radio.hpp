@@ -1,7 +1,7 @@
 // sim::radio: the seam between the controller's protocol layer and the radio
 // it serves. It is everything the protocol asks of the radio and nothing of
 // sessions or of the bus: which interfaces exist and what they can do, their
-// status and address, and a report of status changes.
+// status, address and slots, and a report of status changes.
 //
 // simulated_radio implements it from a config; a backend on real hardware
 // implements the same class. Calls come from the event loop's thread only.
@@ -16,6 +16,7 @@
 #include "tavrin/bt_ctrl/address.hpp"
 #include "tavrin/bt_ctrl/interface.hpp"
 #include "tavrin/sim/interface_description.hpp"
+#include "tavrin/sim/slots.hpp"
 #include "tavrin/utils/link.hpp"
 
 namespace zelvo::tavrin::sim {
@@ -36,6 +37,8 @@ public:
     // Empty for a name that is not an interface.
     virtual std::optional<bt_ctrl::state> status(std::string const& name) const = 0;
     virtual std::optional<bt_ctrl::address> address(std::string const& name) const = 0;
+    // The interface's connection and advertiser slots; fixed for its life.
+    virtual std::optional<sim::slots> slots(std::string const& name) const = 0;
 
     // Asks the interface to move to `status` (power it down, reset it, bring
     // it up). Observers hear of the change when it happens, and only if the

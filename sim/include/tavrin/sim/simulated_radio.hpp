@@ -22,6 +22,7 @@ public:
     std::string default_interface() const override;
     std::optional<bt_ctrl::state> status(std::string const& name) const override;
     std::optional<bt_ctrl::address> address(std::string const& name) const override;
+    std::optional<sim::slots> slots(std::string const& name) const override;
     bool set_status(std::string const& name, bt_ctrl::state status) override;
     utils::link on_status_change(status_observer const& observer) override;
 
