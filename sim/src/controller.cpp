@@ -82,6 +82,7 @@ public:
                            json const& body) { broadcast(interface, name, body); }) {}
 
     void watch_radio() {
+        radio->use_loop(loop);
         status_link = radio->on_status_change(
             [weak = weak_from_this()](std::string const& name, bt_ctrl::state status) {
                 if (auto const self = weak.lock()) {
@@ -291,6 +292,9 @@ public:
     }
 
     void on_status_change(std::string const& name, bt_ctrl::state status) {
+        if (status != bt_ctrl::state::enabled) {
+            resources.interface_down(name);
+        }
         broadcast(name, "ifStatusChanged", json{{"status", bt_ctrl::to_string(status)}});
     }
 
@@ -390,8 +394,13 @@ sim::radio& controller::radio() const {
     return *self->radio;
 }
 
+simulated_radio* controller::simulation() const {
+    return dynamic_cast<simulated_radio*>(self->radio.get());
+}
+
 void controller::set_limits(limits const& settings) {
     self->settings = settings;
+    self->resources.set_max_queue(settings.max_queue);
 }
 
 controller::limits const& controller::get_limits() const {

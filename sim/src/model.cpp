@@ -9,9 +9,26 @@ namespace zelvo::tavrin::sim {
 using nlohmann::json;
 
 model::model(std::shared_ptr<utils::event_loop> loop, sim::radio& radio, event_sink sink)
-    : loop(std::move(loop)), radio(radio), sink(std::move(sink)) {}
+    : loop(std::move(loop)), radio(radio), sink(std::move(sink)) {
+    link_watch = radio.on_link_change(
+        [this, weak = std::weak_ptr<int>(alive)](std::string const& interface, unsigned short link,
+                                                 radio::link_event what) {
+            if (!weak.expired()) {
+                on_link(interface, link, what);
+            }
+        });
+}
 
-model::~model() = default;
+model::~model() {
+    link_watch.release();
+    for (auto& [name, state] : interfaces) {
+        for (auto& [handle, entry] : state.connections) {
+            if (entry.guarantee) {
+                entry.guarantee->stop();
+            }
+        }
+    }
+}
 
 model::deferral::deferral(model& target) : target(target) {
     ++target.deferrals;

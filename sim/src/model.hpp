@@ -137,6 +137,31 @@ public:
 
     // Connections.
     connection const* find_connection(std::string const& interface, unsigned short handle) const;
+    connection const* find_connection_to(std::string const& interface,
+                                         bt_ctrl::address const& peer) const;
+    // Whether an unreserved connection could start now or wait in the queue.
+    bool can_take_or_wait(std::string const& interface) const;
+    // Opens a connection: it takes its reservation's slot, a free slot, or
+    // a place in the queue. The caller checked can_take_or_wait() for an
+    // unreserved one. The handle of the new connection.
+    unsigned short open(std::string const& interface, bt_ctrl::address const& peer,
+                        bt_ctrl::phy phy, std::optional<unsigned short> reservation);
+    // Begins the close: "connClosing" now, "connClosed" with the reason when
+    // the radio has closed it (at once for one without a slot).
+    void close(std::string const& interface, unsigned short handle,
+               bt_ctrl::connection::close_reason reason);
+    // Moves the connection onto the reservation, or with none onto a free
+    // unreserved slot. False when no slot is free for that.
+    bool set_reservation(std::string const& interface, unsigned short handle,
+                         std::optional<unsigned short> reservation);
+    // The guaranteed time the interface gives an unreserved connection; 0
+    // for a reserved one, which is never rotated out.
+    std::chrono::seconds guaranteed_time(std::string const& interface,
+                                         std::optional<unsigned short> reservation) const;
+
+    // The interface left `enabled`: every connection ends with
+    // interfaceUnavailable. Reservations stay.
+    void interface_down(std::string const& interface);
 
 private:
     struct interface_state {
@@ -157,8 +182,20 @@ private:
     void emit(std::string const& interface, std::string const& name, nlohmann::json body);
     void flush();
     void free_counts_changed(std::string const& interface, free_counts before);
-    void queue_changed(std::string const& interface);
+    // "connPending", "connOpening", "connOpened" or "connClosing", as the
+    // connection's state says.
     void state_event(std::string const& interface, connection const& entry);
+
+    void take_slot(std::string const& interface, connection& entry);
+    void start_guarantee(std::string const& interface, connection& entry);
+    // Lets waiting connections in while unreserved slots are free, and
+    // rotates out expired connections while some still wait; then tells of
+    // the queue if it or `changed` says it changed, and of the free counts
+    // if they differ from `before`.
+    void serve_queue(std::string const& interface, free_counts before, bool changed);
+    void closed(std::string const& interface, unsigned short handle,
+                bt_ctrl::connection::close_reason reason);
+    void on_link(std::string const& interface, unsigned short link, radio::link_event what);
 
     std::shared_ptr<utils::event_loop> loop;
     sim::radio& radio;
@@ -168,6 +205,7 @@ private:
     unsigned long next_slot_order = 0;
     unsigned deferrals = 0;
     std::vector<std::tuple<std::string, std::string, nlohmann::json>> pending;
+    utils::link link_watch;
     std::shared_ptr<int> alive = std::make_shared<int>(0);
 };
 

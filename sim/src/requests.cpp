@@ -95,6 +95,7 @@ handler_table const& table() {
         };
         add_reservation_requests(all);
         add_connection_requests(all);
+        add_connection_property_requests(all);
         return all;
     }();
     return handlers;
@@ -158,6 +159,76 @@ std::variant<bt_ctrl::address, ctrl_error> read_peer_address(json const& value,
         return ctrl_error::unsupported_address;
     }
     return address;
+}
+
+bool has_shape(std::optional<json> const& body, std::set<std::string> const& required,
+               std::set<std::string> const& optional) {
+    if (!body || !body->is_object()) {
+        return false;
+    }
+    for (auto const& key : required) {
+        if (!body->contains(key)) {
+            return false;
+        }
+    }
+    for (auto const& item : body->items()) {
+        if (required.count(item.key()) == 0 && optional.count(item.key()) == 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::variant<model::connection const*, ctrl_error> named_connection(
+    std::optional<json> const& body, context const& ctx, std::set<std::string> const& optional) {
+    if (!has_shape(body, {"connHandle"}, optional) || !read_u16(*body, "connHandle")) {
+        return ctrl_error::malformed_request;
+    }
+    if (auto const refusal = refuse_unready(ctx)) {
+        return *refusal;
+    }
+    if (!capabilities_of(ctx).conn) {
+        return ctrl_error::unsupported_functionality;
+    }
+    auto const* found = ctx.resources.find_connection(ctx.handshake.bound_interface,
+                                                      *read_u16(*body, "connHandle"));
+    if (!found) {
+        return ctrl_error::connection_inappropriate_state;
+    }
+    return found;
+}
+
+std::optional<ctrl_error> refuse_reservation(context const& ctx, unsigned short id,
+                                             bt_ctrl::address const& peer,
+                                             std::optional<unsigned short> handle) {
+    auto const& interface = ctx.handshake.bound_interface;
+    auto const* reservation = ctx.resources.find_reservation(interface, id);
+    if (!reservation || !(reservation->owner == holder_of(ctx))) {
+        return ctrl_error::unknown_resource_reservation;
+    }
+    if (reservation->type != model::slot_type::connection) {
+        return ctrl_error::unexpected_resource_type;
+    }
+    if (reservation->address && reservation->address != peer) {
+        return ctrl_error::unexpected_resource_target;
+    }
+    auto const* user = ctx.resources.user_of(interface, id);
+    if (user && (!handle || user->handle != *handle)) {
+        return ctrl_error::busy_resource;
+    }
+    return std::nullopt;
+}
+
+std::variant<bt_ctrl::phy, ctrl_error> read_phy(json const& value, context const& ctx) {
+    for (auto const phy : {bt_ctrl::phy::m1, bt_ctrl::phy::m2, bt_ctrl::phy::coded}) {
+        if (value == bt_ctrl::to_string(phy)) {
+            if (capabilities_of(ctx).connPhys.count(phy) == 0) {
+                break;
+            }
+            return phy;
+        }
+    }
+    return ctrl_error::unsupported_phy;
 }
 
 std::optional<unsigned short> read_u16(json const& object, char const* key) {

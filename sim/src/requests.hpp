@@ -7,6 +7,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <string>
 #include <variant>
 
@@ -47,6 +48,7 @@ handler_table const& table();
 // The families of requests on a bound interface, each adding its own.
 void add_reservation_requests(handler_table& handlers);
 void add_connection_requests(handler_table& handlers);
+void add_connection_property_requests(handler_table& handlers);
 
 // Shared checks, in the order every request on a bound interface makes
 // them: the body's shape first (malformed_request), then the session's
@@ -65,6 +67,27 @@ std::variant<bt_ctrl::address, ctrl_error> read_peer_address(nlohmann::json cons
                                                              context const& ctx);
 // The bound interface's capabilities.
 bt_ctrl::capabilities capabilities_of(context const& ctx);
+// Whether the body is an object with all the required keys and no key
+// beyond these and the optional ones.
+bool has_shape(std::optional<nlohmann::json> const& body, std::set<std::string> const& required,
+               std::set<std::string> const& optional);
+// The connection a request names by "connHandle", after the checks above
+// with `optional` the body's keys beside it: connection_inappropriate_state
+// for a handle the interface has no connection for (any more).
+std::variant<model::connection const*, ctrl_error> named_connection(
+    std::optional<nlohmann::json> const& body, context const& ctx,
+    std::set<std::string> const& optional = {});
+// Whether the holder may use the reservation for a connection to the peer
+// (the connection `handle`, if it exists already): unknown_resource_reservation
+// for one that is not the holder's, unexpected_resource_type for an
+// advertiser's, unexpected_resource_target for one held for another peer,
+// busy_resource for one another connection uses.
+std::optional<ctrl_error> refuse_reservation(context const& ctx, unsigned short id,
+                                             bt_ctrl::address const& peer,
+                                             std::optional<unsigned short> handle);
+// A PHY's word: unsupported_phy for a word that is none, or a PHY the
+// interface does not offer for connections.
+std::variant<bt_ctrl::phy, ctrl_error> read_phy(nlohmann::json const& value, context const& ctx);
 // An unsigned 16-bit number under the key, if the object has one.
 std::optional<unsigned short> read_u16(nlohmann::json const& object, char const* key);
 

@@ -1,7 +1,5 @@
 // The reservation requests: "freeResvsGet", "resvsGet", "resvCreate",
 // "resvRecreate" and "resvDestroy", answered from the model.
-#include <set>
-
 #include "requests.hpp"
 #include "wire.hpp"
 
@@ -24,26 +22,6 @@ std::optional<slot_type> read_type(json const& value) {
 
 char const* type_word(slot_type type) {
     return type == slot_type::connection ? "connection" : "advertiser";
-}
-
-// Whether the body has only these keys, and each of them is of the type
-// the check wants.
-bool has_shape(std::optional<json> const& body, std::set<std::string> const& required,
-               std::set<std::string> const& optional) {
-    if (!body || !body->is_object()) {
-        return false;
-    }
-    for (auto const& key : required) {
-        if (!body->contains(key)) {
-            return false;
-        }
-    }
-    for (auto const& item : body->items()) {
-        if (required.count(item.key()) == 0 && optional.count(item.key()) == 0) {
-            return false;
-        }
-    }
-    return true;
 }
 
 // What "resvCreate" and "resvRecreate" share: the claim in the body, after

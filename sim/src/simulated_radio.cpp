@@ -3,8 +3,18 @@
 namespace zelvo::tavrin::sim {
 
 simulated_radio::simulated_radio(config const& settings)
-    : entries(settings.interfaces), default_name(settings.default_interface) {
+    : entries(settings.interfaces),
+      default_name(settings.default_interface),
+      reachable(settings.peers) {
     settings.check();
+}
+
+simulated_radio::~simulated_radio() {
+    for (auto& [key, entry] : links) {
+        if (entry.accept) {
+            entry.accept->stop();
+        }
+    }
 }
 
 std::vector<interface_description> simulated_radio::interfaces() const {

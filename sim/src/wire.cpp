@@ -143,6 +143,10 @@ bt_ctrl::address read_address(json const& value, std::string const& path) {
     return address;
 }
 
+bt_ctrl::phy read_phy(json const& value, std::string const& path) {
+    return read_word(value, path, known_phys);
+}
+
 bt_ctrl::state read_status(json const& value, std::string const& path) {
     return read_word(value, path, known_states);
 }

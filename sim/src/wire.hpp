@@ -37,6 +37,8 @@ nlohmann::json handshake_reply(version_info const& versions,
 // An object with a "type" of "public" or "random" and a "mac"; the address
 // must be valid for its type.
 bt_ctrl::address read_address(nlohmann::json const& value, std::string const& path);
+// "1m", "2m" or "coded".
+bt_ctrl::phy read_phy(nlohmann::json const& value, std::string const& path);
 // "enabled", "disabled" or "rebooting".
 bt_ctrl::state read_status(nlohmann::json const& value, std::string const& path);
 std::string read_string(nlohmann::json const& value, std::string const& path);

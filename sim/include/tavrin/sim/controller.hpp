@@ -23,8 +23,9 @@
 // drops the client as a slow reader); the sessions by limits::max_sessions;
 // a client that has not begun its handshake, or that stays in the middle of a
 // frame, by the timeouts of `limits`; the request log by its own bound, and
-// only when a test asks for it. Each dropped client gets a log line that says
-// why.
+// only when a test asks for it; reservations and connections by the
+// interface's slots and limits::max_queue. Each dropped client gets a log
+// line that says why.
 #pragma once
 
 #include <chrono>
@@ -41,6 +42,7 @@
 #include "tavrin/sim/config.hpp"
 #include "tavrin/sim/ctrl_error.hpp"
 #include "tavrin/sim/radio.hpp"
+#include "tavrin/sim/simulated_radio.hpp"
 #include "tavrin/utils/connection.hpp"
 #include "tavrin/utils/event_loop.hpp"
 
@@ -62,6 +64,9 @@ public:
         // Requests held unanswered (stop_answering) or behind a delayed reply
         // (delay_replies) for one session; one more drops the session.
         std::size_t max_waiting_replies = 4096;
+        // Connections that wait for a slot, per interface; one more is
+        // refused with insufficient_resources. Applies from the next request.
+        std::size_t max_queue = 8;
     };
 
     // How long an injected fault stays: for the next matching request only,
@@ -99,6 +104,9 @@ public:
     void serve(std::shared_ptr<utils::connection> const& connection);
 
     sim::radio& radio() const;
+    // The radio as a simulated one, for peer actions; null when the
+    // controller serves another kind.
+    simulated_radio* simulation() const;
 
     // Apply to sessions accepted from now on; max_sessions at once.
     void set_limits(limits const& settings);
