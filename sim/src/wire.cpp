@@ -63,10 +63,13 @@ json to_words(std::set<Enum> const& values) {
 
 std::int64_t read_integer(json const& value, std::string const& path, std::int64_t min,
                           std::int64_t max) {
-    bool const in_range = value.is_number_unsigned()
-                              ? value.get<std::uint64_t>() <= static_cast<std::uint64_t>(max)
-                              : value.is_number_integer() && value.get<std::int64_t>() >= min &&
-                                    value.get<std::int64_t>() <= max;
+    // An unsigned JSON number may be beyond what a signed one can hold.
+    bool const in_range =
+        value.is_number_unsigned()
+            ? value.get<std::uint64_t>() <= static_cast<std::uint64_t>(max) &&
+                  (min <= 0 || value.get<std::uint64_t>() >= static_cast<std::uint64_t>(min))
+            : value.is_number_integer() && value.get<std::int64_t>() >= min &&
+                  value.get<std::int64_t>() <= max;
     if (!in_range) {
         fail(path,
              "expected an integer from " + std::to_string(min) + " to " + std::to_string(max));

@@ -154,7 +154,24 @@ public:
     // replaced by a payload tagged JSON that is not JSON. The handler still
     // runs.
     void malform_reply(std::string const& name, repeat how);
-    // Drops every fail_request and malform_reply rule.
+    // The reply to requests of that name waits that long (or as long as
+    // delay_replies says, if that is longer); what the session sends after
+    // it waits behind it. A later call for the same name replaces the rule.
+    void delay_reply(std::string const& name, std::chrono::seconds delay, repeat how);
+    // Requests of that name take effect, but their reply is held unanswered
+    // until stop_answering(false) or the session's end, so that the client's
+    // own reply timeout fires.
+    void drop_reply(std::string const& name, repeat how);
+    // Events of that name, to every session they would reach: not sent at
+    // all, sent as a JSON-tagged payload that does not parse, or sent after
+    // the delay (what the session sends after them waits behind them). One
+    // rule per event name; a later call replaces it. "once" is the next
+    // event of that name, whoever it goes to.
+    void drop_event(std::string const& name, repeat how);
+    void malform_event(std::string const& name, repeat how);
+    void delay_event(std::string const& name, std::chrono::seconds delay, repeat how);
+    // Drops every rule of the calls above and of fail_request and
+    // malform_reply.
     void clear_failures();
     // Holds every reply that long before sending it, on a timer of the loop.
     // Zero sends replies at once. Applies to requests received from now on.
