@@ -14,6 +14,7 @@ model::model(std::shared_ptr<utils::event_loop> loop, sim::radio& radio, event_s
         [this, weak = std::weak_ptr<int>(alive)](std::string const& interface, unsigned short link,
                                                  radio::link_event what) {
             if (!weak.expired()) {
+                deferral const batch(*this);
                 on_link(interface, link, what);
             }
         });
@@ -40,6 +41,10 @@ model::deferral::~deferral() {
     }
 }
 
+// Every way into the model from outside a request (a link event, a timer, a
+// session's or an interface's end) holds a deferral too, so that the sink,
+// which may end a session and so re-enter, runs only once the model is
+// consistent again.
 void model::emit(std::string const& interface, std::string const& name, json body) {
     pending.emplace_back(interface, name, std::move(body));
     if (deferrals == 0) {
@@ -214,14 +219,24 @@ model::connection const* model::user_of(std::string const& interface, unsigned s
 }
 
 void model::end_session(unsigned session) {
+    deferral const batch(*this);
     for (auto& [interface, state] : interfaces) {
         auto const before = free(interface);
         for (auto entry = state.reservations.begin(); entry != state.reservations.end();) {
-            bool const gone =
-                entry->second.owner.client_id.empty() && entry->second.owner.session == session;
-            entry = gone ? state.reservations.erase(entry) : std::next(entry);
+            if (!entry->second.owner.client_id.empty() || entry->second.owner.session != session) {
+                ++entry;
+                continue;
+            }
+            // Its connection goes on, unreserved, and may be rotated out.
+            for (auto& [handle, user] : state.connections) {
+                if (user.reservation == entry->first) {
+                    user.reservation.reset();
+                    start_guarantee(interface, user);
+                }
+            }
+            entry = state.reservations.erase(entry);
         }
-        free_counts_changed(interface, before);
+        serve_queue(interface, before, false);
     }
 }
 

@@ -111,6 +111,7 @@ void model::start_guarantee(std::string const& interface, connection& entry) {
             if (weak.expired()) {
                 return;
             }
+            deferral const batch(*this);
             auto& state = state_of(interface);
             auto const found = state.connections.find(handle);
             if (found != state.connections.end() && !found->second.reservation) {
@@ -225,6 +226,7 @@ bool model::set_reservation(std::string const& interface, unsigned short handle,
 }
 
 void model::interface_down(std::string const& interface) {
+    deferral const batch(*this);
     auto const before = free(interface);
     auto& state = state_of(interface);
     auto ended = std::move(state.connections);

@@ -266,6 +266,33 @@ TEST_F(SimConnections, AReservedConnectionUsesItsSlotAndIsNeverRotatedOut) {
     EXPECT_EQ(a->ask("resvDestroy", {{"resvId", id}}), "{}");
 }
 
+// The reservation of a client without a client ID ends with its session;
+// its connection goes on, unreserved, and its guaranteed time starts.
+TEST_F(SimConnections, AConnectionOutlivesTheSessionBoundReservationItUsed) {
+    auto anonymous = connect();
+    anonymous->bind("hci0");
+    anonymous->ask("resvCreate", {{"type", "connection"}});
+    EXPECT_EQ(anonymous->ask("connOpen", {{"addr", accepting}, {"resvId", 1}}),
+              R"({"connHandle":1,"guaranteedTime":0,"status":"pending"})");
+    loop->advance(1s);
+    anonymous->link->close();
+    loop->run();
+    EXPECT_EQ(a->ask("freeResvsGet"), R"({"advertiser":1,"connection":1})");
+    loop->advance(4s);
+    a->ask("connOpen", open_body(absent));
+    a->ask("connOpen", open_body(accepting));
+    EXPECT_EQ(a->ask("connsGet"),
+              R"({"connections":{"1":{"piq":0},"2":{"piq":0},"3":{"piq":1}},"maxConnections":2})");
+    a->take_heard();
+    loop->advance(25s);
+    EXPECT_EQ(a->take_heard(), strings{});
+    loop->advance(1s);  // 30 s after the session's end
+    auto const heard = a->take_heard();
+    ASSERT_GE(heard.size(), 2u);
+    EXPECT_EQ(strings(heard.begin(), heard.begin() + 2),
+              (strings{state_event("connClosing", 1), closed_event(1, "resourceRotation")}));
+}
+
 TEST_F(SimConnections, ThePropertiesOfAnOpenConnectionAreReadAndChangedThroughTheRadio) {
     a->ask("connOpen", open_body(accepting));
     loop->advance(1s);
