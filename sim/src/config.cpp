@@ -184,6 +184,10 @@ config config::builtin() {
           full_capabilities()},
          bt_ctrl::state::enabled,
          {}});
+    peer nearby;
+    nearby.address = {bt_ctrl::addr_type::public_address, utils::mac_address("02:54:56:00:01:01")};
+    nearby.phy = bt_ctrl::phy::m2;
+    settings.peers.push_back(nearby);
     return settings;
 }
 

@@ -134,12 +134,13 @@ void model::serve_queue(std::string const& interface, free_counts before, bool c
         emit(interface, "connsChanged", connections_json(interface));
     }
     free_counts_changed(interface, before);
-    // One rotation for each waiting connection, oldest slot first, among
-    // the unreserved ones past their guaranteed time.
+    // One unreserved slot to come free for each waiting connection: those
+    // already closing count, and the rest are rotated out, oldest slot
+    // first, among the unreserved ones past their guaranteed time.
     std::size_t rotating = 0;
     std::vector<connection*> expired;
     for (auto& [handle, entry] : state.connections) {
-        if (entry.closing_for == close_reason::resource_rotation) {
+        if (entry.now == conn_state::closing && entry.holds_slot && !entry.reservation) {
             ++rotating;
         } else if (entry.holds_slot && entry.expired && !entry.reservation &&
                    entry.now != conn_state::closing) {

@@ -47,7 +47,9 @@ struct config {
     // of 517 and value lengths of 512. Missing caps keys in a JSON config
     // keep these values.
     static bt_ctrl::capabilities full_capabilities();
-    // One fully capable interface "hci0", public address, enabled.
+    // One fully capable interface "hci0", public address, enabled, with the
+    // default slots; one peer, 02:54:56:00:01:01 (public), that accepts
+    // after a second and prefers 2M.
     static config builtin();
 
     // Reads the JSON form; unknown keys are errors, so that a typo can't
