@@ -1,7 +1,8 @@
 // sim::requests: what the controller answers to each request it serves, as
-// functions of the request's body, the radio and the session's handshake.
-// They know nothing of the bus, of faults or of delays: the controller
-// decides whether and when an outcome is sent.
+// functions of the request's body, the radio, the session's handshake and
+// the slot model. They know nothing of the bus, of faults or of delays: the
+// controller decides whether and when an outcome is sent. What they change
+// in the model, it reports as events after the reply.
 #pragma once
 
 #include <map>
@@ -32,7 +33,7 @@ struct context {
     version_info const& versions;
     handshake_state& handshake;
     sim::model& resources;
-    unsigned session;
+    unsigned session;  // the id of the session that sent the request
 };
 
 // The reply's body, or the code the request is refused with.
