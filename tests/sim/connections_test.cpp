@@ -180,6 +180,36 @@ TEST_F(SimConnections, ARequestTheControllerCannotServeIsRefusedWithItsCode) {
     EXPECT_EQ(other->ask("connOpen", open_body(refusing)), "app 41");
 }
 
+// Every connection slot is reserved: the first connection is on one
+// reservation, the second (to the refusing peer) on the other.
+TEST_F(SimConnections, AReservationForAConnectionIsCheckedAsForAnOpen) {
+    auto const reserve = [this](json body) {
+        return json::parse(a->ask("resvCreate", std::move(body))).at("resvId");
+    };
+    auto const for_advertising = reserve({{"type", "advertiser"}});
+    auto const used = reserve({{"type", "connection"}});
+    auto const for_another = reserve({{"type", "connection"}, {"addr", refusing}});
+    a->ask("connOpen", {{"addr", absent}, {"resvId", used}});
+    EXPECT_EQ(a->ask("connOpen", open_body(accepting)), "app 13");  // no unreserved slot
+    a->ask("connOpen", {{"addr", refusing}, {"resvId", for_another}});
+    struct row {
+        int handle;
+        json extra;
+        std::string expected;
+    };
+    for (auto const& r : std::vector<row>{
+             {1, {{"resvId", 99}}, "app 14"},
+             {1, {{"resvId", for_advertising}}, "app 15"},
+             {1, {{"resvId", for_another}}, "app 16"},
+             {2, {{"resvId", used}}, "app 17"},
+             {1, {{"resvId", -1}}, "app 5"},
+             {1, json::object(), "app 13"},  // off its reservation: no free slot
+             {1, {{"resvId", used}}, "{}"},  // as it was
+         }) {
+        EXPECT_EQ(ask_about("connResvSet", r.handle, r.extra), r.expected) << r.extra.dump();
+    }
+}
+
 TEST_F(SimConnections, RequestsOnAConnectionThatIsNotOpenOrNotThereAreRefused) {
     a->ask("connOpen", open_body(absent));
     for (char const* name :
