@@ -40,12 +40,19 @@ void simulated_radio::reach(link_key const& key, link_entry& entry, sim::peer co
         }
         auto& link = found->second;
         auto const* peer = find_peer(link.peer);
-        auto const* interface = find(key.first);
-        if (!peer || !interface || !peer->accepts) {
+        if (link.now.open || !link.reached) {
+            return;  // an answer of an earlier reach
+        }
+        if (!peer) {
+            link.reached = false;  // gone out of reach: the link waits again
+            return;
+        }
+        if (!peer->accepts) {
             links.erase(found);
             report(key, link_event::closed);
             return;
         }
+        auto const* interface = find(key.first);
         auto const& caps = interface->description.caps;
         auto phy = link.requested;
         if (phy == bt_ctrl::phy::unknown) {
@@ -148,7 +155,12 @@ sim::peer* simulated_radio::find_peer(bt_ctrl::address const& address) {
 }
 
 sim::peer const* simulated_radio::find_peer(bt_ctrl::address const& address) const {
-    return const_cast<simulated_radio*>(this)->find_peer(address);
+    for (auto const& candidate : reachable) {
+        if (candidate.address == address) {
+            return &candidate;
+        }
+    }
+    return nullptr;
 }
 
 bool simulated_radio::add_peer(sim::peer const& description) {

@@ -112,6 +112,19 @@ TEST_F(SimPeers, APeerComingIntoReachIsConnectedAndOneGoingAwayEndsItsConnection
     EXPECT_FALSE(radio().remove_peer(absent_peer));
     loop->run();
     EXPECT_EQ(c->take_heard().front(), R"(connClosed {"connHandle":1,"reason":"unknown"})");
+
+    // Gone before it answered, it is waited for; back, it answers.
+    c->ask("connOpen", {{"addr", absent}});
+    arriving.accept_delay = 1s;
+    EXPECT_TRUE(radio().add_peer(arriving));
+    loop->run();
+    EXPECT_TRUE(radio().remove_peer(absent_peer));
+    loop->advance(10s);
+    EXPECT_EQ(c->ask("connStatusGet", {{"connHandle", 2}}), R"({"status":"opening"})");
+    c->take_heard();
+    EXPECT_TRUE(radio().add_peer(arriving));
+    loop->advance(1s);
+    EXPECT_EQ(c->take_heard().front().substr(0, 11), "connOpened ");
 }
 
 TEST_F(SimPeers, InjectedFaultsChangeTheRepliesAndEventsOfConnections) {
