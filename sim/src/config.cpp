@@ -32,11 +32,80 @@ void refuse_unknown_keys(json const& object, std::string const& path,
     }
 }
 
+sim::slots read_slots(json const& value, std::string const& path) {
+    if (!value.is_object()) {
+        wire::fail(path, "expected an object");
+    }
+    refuse_unknown_keys(value, path, {"connections", "advertisers", "guaranteedTime"});
+    sim::slots counts;
+    auto const count = [&](char const* key, unsigned& target) {
+        if (value.contains(key)) {
+            target = static_cast<unsigned>(
+                wire::read_integer(value.at(key), path + "." + key, 0, slots::max_per_type));
+        }
+    };
+    count("connections", counts.connections);
+    count("advertisers", counts.advertisers);
+    if (value.contains("guaranteedTime")) {
+        // A day at most: long enough for any test, short enough for any timer.
+        counts.guaranteed_time = std::chrono::seconds(
+            wire::read_integer(value.at("guaranteedTime"), path + ".guaranteedTime", 0, 86400));
+    }
+    return counts;
+}
+
+// Every key but "addr" may be left out for its default.
+peer read_peer(json const& value, std::string const& path) {
+    if (!value.is_object()) {
+        wire::fail(path, "expected an object");
+    }
+    refuse_unknown_keys(value, path, {"addr", "accepts", "acceptAfter", "phy", "mtu", "signal"});
+    if (!value.contains("addr")) {
+        wire::fail(path + ".addr", "missing");
+    }
+    peer described;
+    described.address = wire::read_address(value.at("addr"), path + ".addr");
+    if (value.contains("accepts")) {
+        if (!value.at("accepts").is_boolean()) {
+            wire::fail(path + ".accepts", "expected true or false");
+        }
+        described.accepts = value.at("accepts").get<bool>();
+    }
+    if (value.contains("acceptAfter")) {
+        described.accept_delay = std::chrono::seconds(
+            wire::read_integer(value.at("acceptAfter"), path + ".acceptAfter", 0, 600));
+    }
+    if (value.contains("phy")) {
+        described.phy = wire::read_phy(value.at("phy"), path + ".phy");
+    }
+    if (value.contains("mtu")) {
+        described.mtu = static_cast<unsigned short>(
+            wire::read_integer(value.at("mtu"), path + ".mtu", 23, 517));
+    }
+    if (value.contains("signal")) {
+        auto const& signal = value.at("signal");
+        auto const where = path + ".signal";
+        if (!signal.is_object()) {
+            wire::fail(where, "expected an object");
+        }
+        refuse_unknown_keys(signal, where, {"quality", "strength"});
+        if (signal.contains("quality")) {
+            described.signal.quality = static_cast<unsigned char>(
+                wire::read_integer(signal.at("quality"), where + ".quality", 0, 255));
+        }
+        if (signal.contains("strength")) {
+            described.signal.strength = static_cast<signed char>(
+                wire::read_integer(signal.at("strength"), where + ".strength", -128, 127));
+        }
+    }
+    return described;
+}
+
 config::interface read_interface(json const& value, std::string const& path) {
     if (!value.is_object()) {
         wire::fail(path, "expected an object");
     }
-    refuse_unknown_keys(value, path, {"name", "addr", "vendor", "part", "status", "caps"});
+    refuse_unknown_keys(value, path, {"name", "addr", "vendor", "part", "status", "caps", "slots"});
     for (char const* required : {"name", "addr"}) {
         if (!value.contains(required)) {
             wire::fail(path + "." + required, "missing");
@@ -57,6 +126,9 @@ config::interface read_interface(json const& value, std::string const& path) {
     }
     if (value.contains("status")) {
         entry.status = wire::read_status(value.at("status"), path + ".status");
+    }
+    if (value.contains("slots")) {
+        entry.slots = read_slots(value.at("slots"), path + ".slots");
     }
     return entry;
 }
@@ -110,7 +182,12 @@ config config::builtin() {
           default_vendor,
           default_part,
           full_capabilities()},
-         bt_ctrl::state::enabled});
+         bt_ctrl::state::enabled,
+         {}});
+    peer nearby;
+    nearby.address = {bt_ctrl::addr_type::public_address, utils::mac_address("02:54:56:00:01:01")};
+    nearby.phy = bt_ctrl::phy::m2;
+    settings.peers.push_back(nearby);
     return settings;
 }
 
@@ -143,7 +220,8 @@ config config::from_json(json const& document) {
     if (!document.is_object()) {
         wire::fail("(document)", "expected an object");
     }
-    refuse_unknown_keys(document, "", {"version", "apiVersion", "defaultInterface", "interfaces"});
+    refuse_unknown_keys(document, "",
+                        {"version", "apiVersion", "defaultInterface", "interfaces", "peers"});
     config settings;
     if (document.contains("version")) {
         settings.versions.version = read_version(document.at("version"), "version");
@@ -158,6 +236,15 @@ config config::from_json(json const& document) {
     for (std::size_t i = 0; i < interfaces.size(); ++i) {
         settings.interfaces.push_back(
             read_interface(interfaces[i], "interfaces[" + std::to_string(i) + "]"));
+    }
+    if (document.contains("peers")) {
+        auto const& peers = document.at("peers");
+        if (!peers.is_array()) {
+            wire::fail("peers", "expected an array of peers");
+        }
+        for (std::size_t i = 0; i < peers.size(); ++i) {
+            settings.peers.push_back(read_peer(peers[i], "peers[" + std::to_string(i) + "]"));
+        }
     }
     if (document.contains("defaultInterface")) {
         settings.default_interface =
@@ -207,6 +294,25 @@ void config::check() const {
         }
         if (!description.address || !description.address.is_valid()) {
             wire::fail(path + ".addr", "not a valid address: " + description.address.to_string());
+        }
+        auto const& counts = interfaces[i].slots;
+        if (counts.connections > slots::max_per_type || counts.advertisers > slots::max_per_type) {
+            wire::fail(path + ".slots",
+                       "more than " + std::to_string(slots::max_per_type) + " slots of a type");
+        }
+    }
+    if (peers.size() > peer::max_peers) {
+        wire::fail("peers", "more than " + std::to_string(peer::max_peers) + " peers");
+    }
+    std::set<bt_ctrl::address> addresses;
+    for (std::size_t i = 0; i < peers.size(); ++i) {
+        auto const path = "peers[" + std::to_string(i) + "].addr";
+        auto const& address = peers[i].address;
+        if (!address || !address.is_valid()) {
+            wire::fail(path, "not a valid address: " + address.to_string());
+        }
+        if (!addresses.insert(address).second) {
+            wire::fail(path, "a second peer at " + address.to_string());
         }
     }
     if (names.count(default_interface) == 0) {

@@ -1,9 +1,11 @@
 #include "tavrin/sim/controller.hpp"
 
+#include <algorithm>
 #include <map>
 #include <utility>
 
 #include "client_log.hpp"
+#include "model.hpp"
 #include "quorl/error.hpp"
 #include "quorl/payload.hpp"
 #include "quorl/server.hpp"
@@ -75,9 +77,13 @@ public:
         : loop(std::move(loop)),
           radio(std::move(radio)),
           versions(std::move(versions)),
-          clients(this->loop) {}
+          clients(this->loop),
+          resources(this->loop, *this->radio,
+                    [this](std::string const& interface, std::string const& name,
+                           json const& body) { broadcast(interface, name, body); }) {}
 
     void watch_radio() {
+        radio->use_loop(loop);
         status_link = radio->on_status_change(
             [weak = weak_from_this()](std::string const& name, bt_ctrl::state status) {
                 if (auto const self = weak.lock()) {
@@ -222,6 +228,7 @@ public:
         auto ended = std::move(found->second);
         sessions.erase(found);
         ended->end();
+        resources.end_session(id);
         clients.verbose("closed client " + std::to_string(id) + " (" +
                         ended->connection->get_name() + ")");
         loop->post([ended] {});
@@ -241,8 +248,7 @@ public:
             target->handshake_watch->stop();
             target->handshake_watch.reset();
         }
-        if ((holding || reply_delay.count() > 0) &&
-            target->waiting() >= settings.max_waiting_replies) {
+        if (target->waiting() >= settings.max_waiting_replies) {
             drop(id,
                  "too many waiting replies (" + std::to_string(settings.max_waiting_replies) + ")");
             return;
@@ -250,23 +256,30 @@ public:
         if (holding) {
             return target->hold(responder);
         }
+        // Events the request causes leave after its reply.
+        model::deferral const after_reply(resources);
         session::answer reply = ctrl_error::unsupported_functionality;
-        if (auto const code = take_failure(request.name)) {
+        if (auto const code = take_rule(failures, request.name)) {
             reply = *code;
         } else if (handle) {
-            auto const result = handle(body, {*radio, versions, target->handshake});
+            auto const result = handle(body, {*radio, versions, target->handshake, resources, id});
             if (auto const* code = std::get_if<ctrl_error>(&result)) {
                 reply = *code;
             } else {
                 reply = quorl_utils::payload(std::get<json>(result));
             }
         }
-        if (take_malformation(request.name)) {
-            static std::string const broken = "{\"truncated";
-            reply = quorl_utils::payload(std::vector<unsigned char>(broken.begin(), broken.end()),
-                                         stravik_part_payload::format::json);
+        if (take_rule(malformations, request.name)) {
+            reply = broken_payload();
         }
-        target->answer_after(responder, reply, reply_delay);
+        if (take_rule(reply_drops, request.name)) {
+            return target->hold(responder);
+        }
+        auto delay = reply_delay;
+        if (auto const longer = take_rule(reply_delays, request.name)) {
+            delay = std::max(delay, *longer);
+        }
+        target->answer_after(responder, reply, delay);
     }
 
     void record(unsigned id, quorl_server::request_ctx const& request,
@@ -284,38 +297,52 @@ public:
     }
 
     void on_status_change(std::string const& name, bt_ctrl::state status) {
-        quorl_utils::payload const event(json{{"status", bt_ctrl::to_string(status)}});
+        if (status != bt_ctrl::state::enabled) {
+            resources.interface_down(name);
+        }
+        broadcast(name, "ifStatusChanged", json{{"status", bt_ctrl::to_string(status)}});
+    }
+
+    // Sends the event to every session bound to the interface, as the
+    // event rules say.
+    void broadcast(std::string const& interface, std::string const& name, json const& body) {
+        auto const fault = take_rule(event_faults, name);
+        if (fault && fault->what == event_fault::kind::drop) {
+            return;
+        }
+        auto const event = fault && fault->what == event_fault::kind::malform
+                               ? broken_payload()
+                               : quorl_utils::payload(body);
+        auto const delay = fault ? fault->delay : std::chrono::seconds(0);
         auto const snapshot = sessions;
         for (auto const& [id, target] : snapshot) {
             auto const& handshake = target->handshake;
             if (handshake.stage == requests::handshake_state::phase::bound &&
-                handshake.bound_interface == name) {
-                target->send_event("ifStatusChanged", event);
+                handshake.bound_interface == interface) {
+                target->send_event(name, event, delay);
             }
         }
     }
 
-    std::optional<ctrl_error> take_failure(std::string const& name) {
-        auto const found = failures.find(name);
-        if (found == failures.end()) {
+    // The rule for that name, if any; a rule for once is used up.
+    template <typename Value>
+    static std::optional<Value> take_rule(std::map<std::string, std::pair<Value, repeat>>& rules,
+                                          std::string const& name) {
+        auto const found = rules.find(name);
+        if (found == rules.end()) {
             return std::nullopt;
         }
-        auto const code = found->second.first;
+        auto const value = found->second.first;
         if (found->second.second == repeat::once) {
-            failures.erase(found);
+            rules.erase(found);
         }
-        return code;
+        return value;
     }
 
-    bool take_malformation(std::string const& name) {
-        auto const found = malformations.find(name);
-        if (found == malformations.end()) {
-            return false;
-        }
-        if (found->second == repeat::once) {
-            malformations.erase(found);
-        }
-        return true;
+    static quorl_utils::payload broken_payload() {
+        static std::string const broken = "{\"truncated";
+        return quorl_utils::payload(std::vector<unsigned char>(broken.begin(), broken.end()),
+                                    stravik_part_payload::format::json);
     }
 
     // Closes every connection and ends every session at once.
@@ -337,13 +364,23 @@ public:
     unsigned next_session = 1;
     limits settings;
     client_log clients;
+    model resources;
     std::deque<received_request> log;
     std::size_t log_budget = 0;
     std::size_t logged_bytes = 0;
 
     unsigned refusals = 0;
     std::map<std::string, std::pair<ctrl_error, repeat>> failures;
-    std::map<std::string, repeat> malformations;
+    // Values of `true` for the rules that have no other value.
+    std::map<std::string, std::pair<bool, repeat>> malformations;
+    std::map<std::string, std::pair<bool, repeat>> reply_drops;
+    std::map<std::string, std::pair<std::chrono::seconds, repeat>> reply_delays;
+    struct event_fault {
+        enum class kind { drop, malform, delay };
+        kind what;
+        std::chrono::seconds delay;
+    };
+    std::map<std::string, std::pair<event_fault, repeat>> event_faults;
     std::chrono::seconds reply_delay{0};
     bool holding = false;
 };
@@ -377,8 +414,13 @@ sim::radio& controller::radio() const {
     return *self->radio;
 }
 
+simulated_radio* controller::simulation() const {
+    return dynamic_cast<simulated_radio*>(self->radio.get());
+}
+
 void controller::set_limits(limits const& settings) {
     self->settings = settings;
+    self->resources.set_max_queue(settings.max_queue);
 }
 
 controller::limits const& controller::get_limits() const {
@@ -450,12 +492,35 @@ void controller::fail_request(std::string const& name, ctrl_error code, repeat h
 }
 
 void controller::malform_reply(std::string const& name, repeat how) {
-    self->malformations[name] = how;
+    self->malformations[name] = {true, how};
+}
+
+void controller::delay_reply(std::string const& name, std::chrono::seconds delay, repeat how) {
+    self->reply_delays[name] = {delay, how};
+}
+
+void controller::drop_reply(std::string const& name, repeat how) {
+    self->reply_drops[name] = {true, how};
+}
+
+void controller::drop_event(std::string const& name, repeat how) {
+    self->event_faults[name] = {core::event_fault{core::event_fault::kind::drop, {}}, how};
+}
+
+void controller::malform_event(std::string const& name, repeat how) {
+    self->event_faults[name] = {core::event_fault{core::event_fault::kind::malform, {}}, how};
+}
+
+void controller::delay_event(std::string const& name, std::chrono::seconds delay, repeat how) {
+    self->event_faults[name] = {core::event_fault{core::event_fault::kind::delay, delay}, how};
 }
 
 void controller::clear_failures() {
     self->failures.clear();
     self->malformations.clear();
+    self->reply_drops.clear();
+    self->reply_delays.clear();
+    self->event_faults.clear();
 }
 
 void controller::delay_replies(std::chrono::seconds delay) {

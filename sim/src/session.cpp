@@ -22,7 +22,15 @@ session::~session() {
 
 void session::answer_after(quorl_server::responder const& responder, answer const& reply,
                            std::chrono::seconds delay) {
-    outgoing message{next_key++, true, nullptr, responder, reply, {}};
+    enqueue(outgoing{next_key++, true, nullptr, responder, reply, {}}, delay);
+}
+
+void session::send_event(std::string const& name, quorl_utils::payload const& payload,
+                         std::chrono::seconds delay) {
+    enqueue(outgoing{next_key++, true, nullptr, std::nullopt, payload, name}, delay);
+}
+
+void session::enqueue(outgoing message, std::chrono::seconds delay) {
     if (delay > std::chrono::seconds(0)) {
         message.due = false;
         message.timer = loop->create_timer();
@@ -41,11 +49,6 @@ void session::answer_after(quorl_server::responder const& responder, answer cons
         message.timer->start(delay);
     }
     outbox.push_back(std::move(message));
-    flush();
-}
-
-void session::send_event(std::string const& name, quorl_utils::payload const& payload) {
-    outbox.push_back(outgoing{next_key++, true, nullptr, std::nullopt, payload, name});
     flush();
 }
 

@@ -43,8 +43,10 @@ public:
     // Sends the answer now, or after `delay` unless the session ends first.
     void answer_after(quorl_server::responder const& responder, answer const& reply,
                       std::chrono::seconds delay);
-    // Sends the event now, or after the delayed replies made before it.
-    void send_event(std::string const& name, quorl_utils::payload const& payload);
+    // Sends the event now, or after `delay`, and in either case after the
+    // delayed messages made before it.
+    void send_event(std::string const& name, quorl_utils::payload const& payload,
+                    std::chrono::seconds delay = std::chrono::seconds(0));
     // Keeps the responder unanswered until release_held() or end().
     void hold(quorl_server::responder const& responder);
     // Drops the held responders: the bus tells the client they went
@@ -77,6 +79,9 @@ private:
         std::string event_name;
     };
 
+    // Puts the message in the outbox, due now or after `delay`, and sends
+    // what is due.
+    void enqueue(outgoing message, std::chrono::seconds delay);
     // Sends the due messages at the head of the outbox, in order.
     void flush();
     void send(outgoing const& message);

@@ -3,8 +3,18 @@
 namespace zelvo::tavrin::sim {
 
 simulated_radio::simulated_radio(config const& settings)
-    : entries(settings.interfaces), default_name(settings.default_interface) {
+    : entries(settings.interfaces),
+      default_name(settings.default_interface),
+      reachable(settings.peers) {
     settings.check();
+}
+
+simulated_radio::~simulated_radio() {
+    for (auto& [key, entry] : links) {
+        if (entry.accept) {
+            entry.accept->stop();
+        }
+    }
 }
 
 std::vector<interface_description> simulated_radio::interfaces() const {
@@ -27,6 +37,11 @@ std::optional<bt_ctrl::state> simulated_radio::status(std::string const& name) c
 std::optional<bt_ctrl::address> simulated_radio::address(std::string const& name) const {
     auto const* entry = find(name);
     return entry ? std::optional(entry->description.address) : std::nullopt;
+}
+
+std::optional<sim::slots> simulated_radio::slots(std::string const& name) const {
+    auto const* entry = find(name);
+    return entry ? std::optional(entry->slots) : std::nullopt;
 }
 
 bool simulated_radio::set_status(std::string const& name, bt_ctrl::state status) {

@@ -59,20 +59,23 @@ json to_words(std::set<Enum> const& values) {
     return words;
 }
 
+}  // namespace
+
 std::int64_t read_integer(json const& value, std::string const& path, std::int64_t min,
                           std::int64_t max) {
-    bool const in_range = value.is_number_unsigned()
-                              ? value.get<std::uint64_t>() <= static_cast<std::uint64_t>(max)
-                              : value.is_number_integer() && value.get<std::int64_t>() >= min &&
-                                    value.get<std::int64_t>() <= max;
+    // An unsigned JSON number may be beyond what a signed one can hold.
+    bool const in_range =
+        value.is_number_unsigned()
+            ? value.get<std::uint64_t>() <= static_cast<std::uint64_t>(max) &&
+                  (min <= 0 || value.get<std::uint64_t>() >= static_cast<std::uint64_t>(min))
+            : value.is_number_integer() && value.get<std::int64_t>() >= min &&
+                  value.get<std::int64_t>() <= max;
     if (!in_range) {
         fail(path,
              "expected an integer from " + std::to_string(min) + " to " + std::to_string(max));
     }
     return value.get<std::int64_t>();
 }
-
-}  // namespace
 
 void fail(std::string const& path, std::string const& problem) {
     throw std::runtime_error(path + ": " + problem);
@@ -141,6 +144,10 @@ bt_ctrl::address read_address(json const& value, std::string const& path) {
         fail(path, "not a valid address: " + address.to_string());
     }
     return address;
+}
+
+bt_ctrl::phy read_phy(json const& value, std::string const& path) {
+    return read_word(value, path, known_phys);
 }
 
 bt_ctrl::state read_status(json const& value, std::string const& path) {

@@ -6,6 +6,7 @@
 // in the document, e.g. "interfaces[0].caps.maxMtuSize".
 #pragma once
 
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -36,9 +37,14 @@ nlohmann::json handshake_reply(version_info const& versions,
 // An object with a "type" of "public" or "random" and a "mac"; the address
 // must be valid for its type.
 bt_ctrl::address read_address(nlohmann::json const& value, std::string const& path);
+// "1m", "2m" or "coded".
+bt_ctrl::phy read_phy(nlohmann::json const& value, std::string const& path);
 // "enabled", "disabled" or "rebooting".
 bt_ctrl::state read_status(nlohmann::json const& value, std::string const& path);
 std::string read_string(nlohmann::json const& value, std::string const& path);
+// An integer from min to max.
+std::int64_t read_integer(nlohmann::json const& value, std::string const& path, std::int64_t min,
+                          std::int64_t max);
 // Sets the caps keys that the object holds and keeps the others.
 void read_caps(nlohmann::json const& value, std::string const& path, bt_ctrl::capabilities& caps);
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "sim_client.hpp"
+#include "tavrin/utils/mac_address.hpp"
 
 namespace zelvo::tavrin::sim::testing {
 namespace {
@@ -214,6 +215,42 @@ TEST(SimConfigLimits, AConfigWhoseHandshakeNoClientCanTakeIsRefusedAtLoad) {
                   std::string::npos);
     }
     EXPECT_EQ(config::from_json(with_interfaces(100)).interfaces.size(), 100u);
+}
+
+}  // namespace
+}  // namespace zelvo::tavrin::sim::testing
+
+namespace zelvo::tavrin::sim::testing {
+namespace {
+
+// Events to a client that does not read drop it as a slow reader in the
+// middle of a broadcast; its session's reservation ends there, and its
+// connection goes on for the others.
+TEST_F(HostileTest, AClientDroppedInTheMiddleOfTheEventsItCausedLeavesTheOthersServed) {
+    auto good = connect(), bad = connect();
+    good->bind("hci0");
+    bad->bind("hci0");
+    bad->ask("resvCreate", {{"type", "connection"}});
+    json const peer = {{"type", "public"}, {"mac", "02:54:56:00:01:01"}};
+    bad->ask("connOpen", {{"addr", peer}, {"resvId", 1}});
+    loop->advance(1s);
+    good->take_heard();
+    loop->set_high_water_mark(4096);
+    loop->pause_reading(bad->link, true);
+    bt_ctrl::address const address(bt_ctrl::addr_type::public_address,
+                                   utils::mac_address("02:54:56:00:01:01"));
+    for (unsigned short mtu = 100; mtu < 200 && lines.empty(); ++mtu) {
+        ctl->simulation()->peer_set_mtu(address, mtu);
+        loop->run();
+    }
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find("slow reader"), std::string::npos) << lines[0];
+    EXPECT_EQ(good->take_heard().back().substr(0, 8), "connMtu ");
+    EXPECT_EQ(good->ask("freeResvsGet"), R"({"advertiser":1,"connection":1})");
+    EXPECT_EQ(good->ask("connStatusGet", {{"connHandle", 1}}), R"({"status":"opened"})");
+    loop->pause_reading(bad->link, false);
+    loop->run();
+    EXPECT_TRUE(bad->closed);
 }
 
 }  // namespace

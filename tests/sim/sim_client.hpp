@@ -2,7 +2,9 @@
 // and a fixture with a controller of the example config listening there.
 // Outcomes are text, so that tests compare whole exchanges: the reply's JSON
 // text, "app N" for a controller code, "exchange N" for a fault of the
-// exchange, "not json" for a reply tagged JSON that does not parse.
+// exchange, "not json" for a reply tagged JSON that does not parse. Events
+// are text too: "ifStatusChanged" bodies in `events`, the others as
+// "name body" in `heard`.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -50,6 +52,19 @@ public:
         bus.set_event_handler("ifStatusChanged", [this](auto const& event) {
             events.push_back(stravik_part_payload::from_bytes<json>(event->payload).dump());
         });
+        for (char const* name :
+             {"freeResvsChanged", "advsChanged", "connsChanged", "connMtu", "connPhy", "connParams",
+              "connPending", "connOpening", "connOpened", "connClosing", "connClosed"}) {
+            bus.set_event_handler(name, [this, name](auto const& event) {
+                std::string body;
+                try {
+                    body = stravik_part_payload::from_bytes<json>(event->payload).dump();
+                } catch (json::exception const&) {
+                    body = "not json";
+                }
+                heard.push_back(std::string(name) + " " + body);
+            });
+        }
         link->connect(utils::ip_address("127.0.0.1"), port);
         loop->run();
     }
@@ -72,10 +87,18 @@ public:
         loop->run();
         return replies.empty() ? "no reply" : replies.front();
     }
-    // Handshake on the named interface, or on the default one for "".
-    std::string bind(std::string const& name = "") {
-        ask("hdshkStart");
+    // Handshake on the named interface, or on the default one for "", with
+    // a client ID if one is given.
+    std::string bind(std::string const& name = "", std::string const& client_id = "") {
+        ask("hdshkStart", client_id.empty() ? json::object() : json{{"clientID", client_id}});
         return ask("hdshkFinish", name.empty() ? json() : json{{"if", name}});
+    }
+    // The events other than "ifStatusChanged" heard since the last call, as
+    // "name body".
+    strings take_heard() {
+        strings taken;
+        taken.swap(heard);
+        return taken;
     }
 
     // Requests still waiting get their outcome after the bus has gone, on a
@@ -90,7 +113,7 @@ public:
     std::shared_ptr<utils::tcp_connection> link = loop->create_tcp_connection();
     std::vector<quorl_utils::link> sent;
     quorl bus{loop, [this](std::vector<unsigned char> const& bytes) { return link->send(bytes); }};
-    strings replies, events;
+    strings replies, events, heard;
     bool closed = false;
 };
 
@@ -98,6 +121,13 @@ class SimTest : public ::testing::Test {
 protected:
     void SetUp() override { ctl->keep_request_log(1 << 20); }
     std::unique_ptr<client> connect() { return std::make_unique<client>(loop, port); }
+    // A new controller of the example config in the old one's place.
+    void restart() {
+        listening.release();
+        ctl = std::make_unique<controller>(loop, config::load(TAVRIN_SIM_EXAMPLE_CONFIG));
+        ctl->keep_request_log(1 << 20);
+        listening = loop->listen(utils::ip_address("127.0.0.1"), port, ctl->accept_handler());
+    }
 
     static constexpr unsigned short port = 7100;
     std::shared_ptr<adapters::test_loop> loop = adapters::test_loop::create();

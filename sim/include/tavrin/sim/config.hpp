@@ -14,6 +14,8 @@
 
 #include "tavrin/bt_ctrl/interface.hpp"
 #include "tavrin/sim/interface_description.hpp"
+#include "tavrin/sim/peer.hpp"
+#include "tavrin/sim/slots.hpp"
 
 namespace zelvo::tavrin::sim {
 
@@ -31,18 +33,23 @@ struct config {
     struct interface {
         interface_description description;
         bt_ctrl::state status = bt_ctrl::state::enabled;  // at start
+        sim::slots slots;
     };
 
     version_info versions;
     // Bound when a client finishes its handshake without naming one.
     std::string default_interface;
     std::vector<interface> interfaces;
+    // Virtual peripherals within reach of every interface.
+    std::vector<peer> peers;
 
     // Everything on: every flag, the three PHYs, both address types, an MTU
     // of 517 and value lengths of 512. Missing caps keys in a JSON config
     // keep these values.
     static bt_ctrl::capabilities full_capabilities();
-    // One fully capable interface "hci0", public address, enabled.
+    // One fully capable interface "hci0", public address, enabled, with the
+    // default slots; one peer, 02:54:56:00:01:01 (public), that accepts
+    // after a second and prefers 2M.
     static config builtin();
 
     // Reads the JSON form; unknown keys are errors, so that a typo can't
@@ -54,6 +61,8 @@ struct config {
 
     // Throws runtime_error unless there is at least one interface, names are
     // non-empty and unique, every address is a valid public or random one,
+    // no interface has more than slots::max_per_type slots of a type, peers
+    // have valid and distinct addresses and number at most peer::max_peers,
     // default_interface names one of them, and the handshake's reply fits in
     // max_message.
     void check() const;

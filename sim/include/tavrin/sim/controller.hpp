@@ -23,8 +23,9 @@
 // drops the client as a slow reader); the sessions by limits::max_sessions;
 // a client that has not begun its handshake, or that stays in the middle of a
 // frame, by the timeouts of `limits`; the request log by its own bound, and
-// only when a test asks for it. Each dropped client gets a log line that says
-// why.
+// only when a test asks for it; reservations and connections by the
+// interface's slots and limits::max_queue. Each dropped client gets a log
+// line that says why.
 #pragma once
 
 #include <chrono>
@@ -41,6 +42,7 @@
 #include "tavrin/sim/config.hpp"
 #include "tavrin/sim/ctrl_error.hpp"
 #include "tavrin/sim/radio.hpp"
+#include "tavrin/sim/simulated_radio.hpp"
 #include "tavrin/utils/connection.hpp"
 #include "tavrin/utils/event_loop.hpp"
 
@@ -62,6 +64,9 @@ public:
         // Requests held unanswered (stop_answering) or behind a delayed reply
         // (delay_replies) for one session; one more drops the session.
         std::size_t max_waiting_replies = 4096;
+        // Connections that wait for a slot, per interface; one more is
+        // refused with insufficient_resources. Applies from the next request.
+        std::size_t max_queue = 8;
     };
 
     // How long an injected fault stays: for the next matching request only,
@@ -99,6 +104,9 @@ public:
     void serve(std::shared_ptr<utils::connection> const& connection);
 
     sim::radio& radio() const;
+    // The radio as a simulated one, for peer actions; null when the
+    // controller serves another kind.
+    simulated_radio* simulation() const;
 
     // Apply to sessions accepted from now on; max_sessions at once.
     void set_limits(limits const& settings);
@@ -146,7 +154,24 @@ public:
     // replaced by a payload tagged JSON that is not JSON. The handler still
     // runs.
     void malform_reply(std::string const& name, repeat how);
-    // Drops every fail_request and malform_reply rule.
+    // The reply to requests of that name waits that long (or as long as
+    // delay_replies says, if that is longer); what the session sends after
+    // it waits behind it. A later call for the same name replaces the rule.
+    void delay_reply(std::string const& name, std::chrono::seconds delay, repeat how);
+    // Requests of that name take effect, but their reply is held unanswered
+    // until stop_answering(false) or the session's end, so that the client's
+    // own reply timeout fires.
+    void drop_reply(std::string const& name, repeat how);
+    // Events of that name, to every session they would reach: not sent at
+    // all, sent as a JSON-tagged payload that does not parse, or sent after
+    // the delay (what the session sends after them waits behind them). One
+    // rule per event name; a later call replaces it. "once" is the next
+    // event of that name, whoever it goes to.
+    void drop_event(std::string const& name, repeat how);
+    void malform_event(std::string const& name, repeat how);
+    void delay_event(std::string const& name, std::chrono::seconds delay, repeat how);
+    // Drops every rule of the calls above and of fail_request and
+    // malform_reply.
     void clear_failures();
     // Holds every reply that long before sending it, on a timer of the loop.
     // Zero sends replies at once. Applies to requests received from now on.
