@@ -1,6 +1,7 @@
 #include "client_run.hpp"
 
 #include <chrono>
+#include <csignal>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -11,9 +12,12 @@
 #include "embedded_sim.hpp"
 #include "link_watch.hpp"
 #include "report.hpp"
+#include "task.hpp"
 #include "tavrin/adapters/asio.hpp"
 #include "tavrin/bt_ctrl.hpp"
 #include "tavrin/error.hpp"
+#include "tavrin/sim/config.hpp"
+#include "tavrin/sim/simulated_radio.hpp"
 #include "tavrin/version.hpp"
 
 namespace zelvo::tavrin::cli {
@@ -41,7 +45,7 @@ char const* level_word(bt_ctrl::log_level level) {
 class flow {
 public:
     flow(run_options const& options, std::ostream& out, std::ostream& err)
-        : options(options), out(out), err(err), deadline(io), pause(io) {}
+        : options(options), out(out), err(err), deadline(io), pause(io), interrupts(io) {}
 
     int run() {
         loop = adapters::asio_loop::create(io);
@@ -55,7 +59,7 @@ public:
         }
         watch = std::make_shared<link_watch>(loop);
         client = create_bt_ctrl(watch, std::nullopt, target.address, target.port);
-        if (options.demo || options.verbose) {
+        if (demo() || options.verbose) {
             logs = client->set_log_handler(
                 [this](bt_ctrl::log_level level, std::string const& line) {
                     out << "    [" << level_word(level) << "] " << line << '\n';
@@ -77,6 +81,17 @@ public:
             }
             fail("no answer within " + limit + " (waiting for " + waiting_for + ")");
         });
+        interrupts.add(SIGINT);
+        interrupts.add(SIGTERM);
+        interrupts.async_wait([this](asio::error_code const& ec, int) {
+            if (ec || finished) {
+                return;
+            }
+            if (job) {
+                return job->on_interrupt();
+            }
+            fail("interrupted");
+        });
         say("enable(): connecting to the controller at " + target.to_string());
         enable();
         try {
@@ -88,6 +103,8 @@ public:
         // Whatever is still pending hears of the client's end; nobody listens.
         finished = true;
         pause.cancel();
+        interrupts.cancel();
+        job.reset();
         enabling.release();
         states.release();
         failures.release();
@@ -97,10 +114,32 @@ public:
     }
 
 private:
+    bool demo() const { return options.what == run_options::command::demo; }
+
     void say(std::string const& text) {
-        if (options.demo) {
+        if (demo()) {
             out << "* " << text << '\n';
         }
+    }
+
+    task_context context() {
+        return {io,
+                client,
+                sim ? &*sim : nullptr,
+                out,
+                [this](std::string const& text) { say(text); },
+                [this](int code) { finish_run(code); },
+                [this](std::string const& reason) { fail(reason); }};
+    }
+
+    // The peer to connect to: the one asked for, or the simulator's first.
+    bt_ctrl::address peer() {
+        if (options.peer) {
+            return *options.peer;
+        }
+        auto* const radio = sim ? sim->controller().simulation() : nullptr;
+        auto const peers = radio ? radio->peers() : sim::config::builtin().peers;
+        return peers.empty() ? bt_ctrl::address() : peers.front().address;
     }
 
     void finish_run(int code) {
@@ -198,6 +237,9 @@ private:
         if (restarting) {
             return;
         }
+        if (job && !demo()) {
+            return state == bt_ctrl::state::enabled ? job->on_enabled() : job->on_state(state);
+        }
         say("state: " + bt_ctrl::to_string(state));
         if (state == bt_ctrl::state::disabled) {
             if (stopping) {
@@ -217,10 +259,33 @@ private:
                 << address.mac.to_string(':', true) << '\n';
             out << "state         enabled\n";
         }
-        if (!options.demo) {
-            return finish_run(0);
+        switch (options.what) {
+            case run_options::command::info:
+                return finish_run(0);
+            case run_options::command::watch:
+                deadline.cancel();
+                job = make_watch_task(context());
+                return job->on_enabled();
+            case run_options::command::connect:
+                deadline.cancel();
+                job = make_connect_task(context(), *options.peer);
+                return job->on_enabled();
+            case run_options::command::demo:
+                break;
         }
-        if (sim && enabled_count == 1) {
+        if (enabled_count == 1) {
+            waiting_for = "the connection step";
+            job = make_connection_walk(context(), peer(), [this] { after_connections(); });
+            return job->on_enabled();
+        }
+        say("disable()");
+        stopping = true;
+        client->disable();
+    }
+
+    void after_connections() {
+        job.reset();
+        if (sim) {
             // Show that the client follows the controller by itself.
             say("the controller restarts interface " + bound + " (simulated)");
             waiting_for = "state enabled after the restart";
@@ -239,6 +304,7 @@ private:
     asio::io_context io;
     asio::steady_timer deadline;
     asio::steady_timer pause;
+    asio::signal_set interrupts;
     std::shared_ptr<adapters::asio_loop> loop;
     std::shared_ptr<link_watch> watch;
     std::optional<embedded_sim> sim;
@@ -247,6 +313,7 @@ private:
     utils::scoped_link failures;
     utils::scoped_link states;
     utils::link enabling;
+    std::unique_ptr<task> job;
     std::string waiting_for;
     std::string bound;
     unsigned enabled_count = 0;

@@ -1,5 +1,6 @@
-// The flow of `tavrin info` and `tavrin demo`: enable a client, show what the
-// controller offers, finish the handshake, wait for `enabled`, report.
+// The flow of the client commands (info, demo, watch, connect): enable a
+// client, show what the controller offers, finish the handshake, wait for
+// `enabled`, then do the command's task.
 #pragma once
 
 #include <chrono>
@@ -8,6 +9,7 @@
 #include <string>
 
 #include "endpoint.hpp"
+#include "tavrin/bt_ctrl/interface.hpp"
 
 namespace zelvo::tavrin::cli {
 
@@ -20,14 +22,23 @@ struct run_options {
     std::string interface;
     // For the whole run; the command fails when it is over.
     std::chrono::seconds time_limit{10};
-    // The demo narrates each step, shows the library's log lines, and then
-    // shows a recovery and a clean stop.
-    bool demo = false;
+    // info: show the controller and bind an interface. demo: narrate each
+    // step with the library's log lines, connect to `peer` and show its
+    // changes, then a recovery and a clean stop. watch: a line for every
+    // change until interrupted. connect: open a connection to `peer`, show
+    // it, close it on interrupt. For watch and connect the time limit ends
+    // when the client is enabled.
+    enum class command { info, demo, watch, connect };
+    command what = command::info;
+    // The peer of demo and connect; the demo's default is the simulator's
+    // first peer in this process, or the built-in configuration's.
+    std::optional<bt_ctrl::address> peer;
     bool verbose = false;
 };
 
-// Returns the process exit code: 0 when the client reached `enabled` (and, for
-// the demo, stopped cleanly), 1 otherwise, with the reason on `err`.
+// Returns the process exit code: 0 when the client reached `enabled` and the
+// command's task ended well (the demo stopped cleanly, watch and connect were
+// interrupted), 1 otherwise, with the reason on `err`.
 int run_client(run_options const& options, std::ostream& out, std::ostream& err);
 
 }  // namespace zelvo::tavrin::cli

@@ -1,5 +1,6 @@
-// tavrin: the command-line tool. Without --ctrl, every command runs against a
-// simulated controller inside this process.
+// tavrin: the command-line tool. Without --ctrl, every client command (info,
+// demo, watch, connect) runs against a simulated controller inside this
+// process.
 #include <algorithm>
 #include <exception>
 #include <iostream>
@@ -9,8 +10,10 @@
 #include <CLI/CLI.hpp>
 
 #include "client_run.hpp"
+#include "conn_report.hpp"
 #include "endpoint.hpp"
 #include "sim_command.hpp"
+#include "tavrin/sim/config.hpp"
 #include "tavrin/version.hpp"
 
 using namespace zelvo::tavrin;
@@ -33,6 +36,18 @@ CLI::Validator endpoint_check(bool any_port) {
         },
         "");
 }
+
+// A CLI11 check of a peer's address, with the parser's message.
+CLI::Validator const address_check(
+    [](std::string& text) -> std::string {
+        try {
+            cli::parse_address(text);
+            return {};
+        } catch (std::exception const& failure) {
+            return failure.what();
+        }
+    },
+    "");
 
 // A CLI11 check that comes before a range: decimal digits, so that "abc" or
 // "1.5" is refused for what it is.
@@ -123,11 +138,39 @@ int main(int argc, char** argv) {
     add_client_options(*info, info_ctrl, info_config, info_options);
 
     cli::run_options demo_options;
-    demo_options.demo = true;
+    demo_options.what = cli::run_options::command::demo;
     std::optional<std::string> demo_ctrl;
     std::optional<std::string> demo_config;
+    std::optional<std::string> demo_peer;
     auto* demo = app.add_subcommand("demo", "Walk through a client's life, step by step");
     add_client_options(*demo, demo_ctrl, demo_config, demo_options);
+    demo->add_option("--peer", demo_peer,
+                     "Peer to connect to (default: the simulator's first peer, " +
+                         sim::config::builtin().peers.front().address.to_string() + ")")
+        ->type_name("ADDRESS")
+        ->check(address_check);
+
+    cli::run_options watch_options;
+    watch_options.what = cli::run_options::command::watch;
+    std::optional<std::string> watch_ctrl;
+    std::optional<std::string> watch_config;
+    auto* watch = app.add_subcommand(
+        "watch", "Print every state, free-count, queue and connection change until interrupted");
+    add_client_options(*watch, watch_ctrl, watch_config, watch_options);
+
+    cli::run_options connect_options;
+    connect_options.what = cli::run_options::command::connect;
+    std::optional<std::string> connect_ctrl;
+    std::optional<std::string> connect_config;
+    std::string connect_peer;
+    auto* connect = app.add_subcommand(
+        "connect",
+        "Open a connection to a peer, print its properties and events, close it on "
+        "interrupt");
+    connect->add_option("ADDRESS", connect_peer, "The peer: AA:BB:CC:DD:EE:FF[-public|-random]")
+        ->required()
+        ->check(address_check);
+    add_client_options(*connect, connect_ctrl, connect_config, connect_options);
 
     CLI11_PARSE(app, argc, argv);
 
@@ -145,6 +188,16 @@ int main(int argc, char** argv) {
     };
     if (info->parsed()) {
         return client_command(info_options, info_ctrl, info_config);
+    }
+    if (watch->parsed()) {
+        return client_command(watch_options, watch_ctrl, watch_config);
+    }
+    if (connect->parsed()) {
+        connect_options.peer = cli::parse_address(connect_peer);
+        return client_command(connect_options, connect_ctrl, connect_config);
+    }
+    if (demo_peer) {
+        demo_options.peer = cli::parse_address(*demo_peer);
     }
     return client_command(demo_options, demo_ctrl, demo_config);
 }

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "sim_process.hpp"
+#include "command_process.hpp"
 
 namespace zelvo::tavrin::testing {
 namespace {

@@ -1,6 +1,7 @@
-// `tavrin sim` in a child process of the test, with its output in a file and
-// optionally fewer file descriptors than usual, and what the kernel can tell
-// of it: CPU time and peak memory. Killed with the object.
+// The `tavrin` command in a child process of the test, with its output
+// (standard output and error together) in a file and optionally fewer file
+// descriptors than usual, and what the kernel can tell of it: CPU time and
+// peak memory. Killed with the object, unless it has ended.
 #pragma once
 
 #include <signal.h>
@@ -19,17 +20,14 @@
 
 namespace zelvo::tavrin::testing {
 
-class sim_process {
+class command_process {
 public:
-    // Runs `command sim --listen 127.0.0.1:PORT` and the extra arguments;
-    // `max_files` > 0 lowers the child's limit of open files first.
-    sim_process(std::string const& command, unsigned short port,
-                std::vector<std::string> const& extra, rlim_t max_files = 0)
-        : log_path(::testing::TempDir() + "tavrin-sim-" + std::to_string(getpid()) + "-" +
-                   std::to_string(port)) {
-        std::vector<std::string> args = {command, "sim", "--listen",
-                                         "127.0.0.1:" + std::to_string(port)};
-        args.insert(args.end(), extra.begin(), extra.end());
+    // Runs `command` with `args`; `max_files` > 0 lowers the child's limit
+    // of open files first.
+    command_process(std::string const& command, std::vector<std::string> args, rlim_t max_files = 0)
+        : log_path(::testing::TempDir() + "tavrin-child-" + std::to_string(getpid()) + "-" +
+                   std::to_string(++made())) {
+        args.insert(args.begin(), command);
         std::vector<char*> argv;
         for (auto& arg : args) {
             argv.push_back(arg.data());
@@ -48,12 +46,11 @@ public:
             _exit(127);
         }
         std::fclose(log);
-        listening = wait_for("listening at 127.0.0.1:" + std::to_string(port));
     }
-    sim_process(sim_process const&) = delete;
-    sim_process& operator=(sim_process const&) = delete;
-    ~sim_process() {
-        if (pid > 0) {
+    command_process(command_process const&) = delete;
+    command_process& operator=(command_process const&) = delete;
+    ~command_process() {
+        if (pid > 0 && exit_code < 0) {
             kill(pid, SIGKILL);
             waitpid(pid, nullptr, 0);
         }
@@ -75,7 +72,29 @@ public:
         }
         return true;
     }
-    bool alive() const { return pid > 0 && waitpid(pid, nullptr, WNOHANG) == 0; }
+    bool alive() const { return pid > 0 && exit_code < 0 && waitpid(pid, nullptr, WNOHANG) == 0; }
+
+    // Sends SIGINT and waits up to 20 s for the end: the exit code, or -1
+    // when it did not end (it is killed with the object).
+    int interrupt() {
+        kill(pid, SIGINT);
+        return wait_end();
+    }
+
+    // Waits up to 20 s for the end, as interrupt() does.
+    int wait_end() {
+        if (exit_code >= 0) {
+            return exit_code;
+        }
+        for (int i = 0; i < 1000; ++i) {
+            int status = 0;
+            if (waitpid(pid, &status, WNOHANG) == pid) {
+                return exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 255;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return -1;
+    }
 
     // User and system time so far.
     std::chrono::milliseconds cpu_time() const {
@@ -103,11 +122,34 @@ public:
         return -1;
     }
 
+private:
+    static unsigned& made() {
+        static unsigned count = 0;
+        return count;
+    }
+
+    std::string log_path;
+    pid_t pid = 0;
+    int exit_code = -1;
+};
+
+// `tavrin sim --listen 127.0.0.1:PORT` and the extra arguments.
+class sim_process : public command_process {
+public:
+    sim_process(std::string const& command, unsigned short port,
+                std::vector<std::string> const& extra, rlim_t max_files = 0)
+        : command_process(command, with_listen(port, extra), max_files) {
+        listening = wait_for("listening at 127.0.0.1:" + std::to_string(port));
+    }
+
     bool listening = false;
 
 private:
-    std::string log_path;
-    pid_t pid = 0;
+    static std::vector<std::string> with_listen(unsigned short port,
+                                                std::vector<std::string> extra) {
+        extra.insert(extra.begin(), {"sim", "--listen", "127.0.0.1:" + std::to_string(port)});
+        return extra;
+    }
 };
 
 }  // namespace zelvo::tavrin::testing
