@@ -251,7 +251,8 @@ int main(int argc, char** argv) {
         double const loaded = median(loaded_ms), empty = median(empty_ms);
         std::printf(
             "\nTCP connect to enabled, loopback, Asio adapter, simulator on another thread\n"
-            "(enable() to the state change, handshake and full sync included; median of %d "
+            "(enable() to the state change, handshake and full sync included; the client\n"
+            "has the holder's client ID, so its sync reads the reservations; median of %d "
             "runs%s)\n",
             runs, quick ? ", quick" : "");
         std::printf("%-40s %10s %14s %14s\n", "", "ms", "conns known", "reservations");
