@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
-# Builds the bus benchmark (release) and runs it. Arguments go to the
+# Builds the benchmarks (release) and runs them: the bus, then a connection
+# event's cost in the client, then the time to `enabled`. Arguments go to each
 # benchmark: --quick makes a short smoke run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 cmake --preset release >/dev/null
-cmake --build --preset release --target tavrin_bench_bus
+cmake --build --preset release --target tavrin_bench_bus tavrin_bench_conn_event \
+    tavrin_bench_enable
 build/release/bench/tavrin_bench_bus "$@"
+build/release/bench/tavrin_bench_conn_event "$@"
+build/release/bench/tavrin_bench_enable "$@"
