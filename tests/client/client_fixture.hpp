@@ -40,32 +40,10 @@ using state = bt_ctrl::state;
 using context_ptr = std::shared_ptr<bt_ctrl::handshake_ctx>;
 using client_id = std::optional<std::array<unsigned char, 16>>;
 
-// `settings` with interfaces that offer neither connections nor advertising,
-// so that the sync of a client without an id asks the simulator for nothing
-// but the address. The sync's other requests are tested against a scripted
-// controller (scripted_fixture.hpp).
-inline sim::config without_slots(sim::config settings) {
-    for (auto& one : settings.interfaces) {
-        one.description.caps.adv = false;
-        one.description.caps.conn = false;
-        // Lists of features that are off are not read.
-        one.description.caps.advPhys.clear();
-        one.description.caps.connPhys.clear();
-    }
-    return settings;
-}
-
-// The built-in controller, without slots.
-inline sim::config sim_config() {
-    return without_slots(sim::config::builtin());
-}
-
 // The built-in controller's "hci0", and "hci1" with a random address and
-// capabilities unlike hci0's in every field that can differ; neither offers
-// slots.
+// capabilities unlike hci0's in every field that can differ.
 inline sim::config two_interfaces(std::string const& default_name = "hci0") {
-    return without_slots(
-        sim::config::from_json(json::parse(R"({"defaultInterface": ")" + default_name + R"(",
+    return sim::config::from_json(json::parse(R"({"defaultInterface": ")" + default_name + R"(",
         "interfaces": [{"name": "hci0", "addr": {"type": "public", "mac": "02:54:56:00:00:01"}},
             {"name": "hci1", "addr": {"type": "random", "mac": "C2:54:56:00:00:02"},
              "part": "second radio", "caps": {"maxTxPower": -7, "maxMtuSize": 247, "scan": false,
@@ -73,7 +51,7 @@ inline sim::config two_interfaces(std::string const& default_name = "hci0") {
                 "scanPhys": [], "advPhys": ["1m"], "connPhys": ["2m", "coded"],
                 "addrTypes": ["random"], "gattClientCharValueMaxLen": 100,
                 "gattClientDescValueMaxLen": 101, "gattServerDescValueMaxLen": 102,
-                "gattServerCharValueMaxLen": 103}}]})")));
+                "gattServerCharValueMaxLen": 103}}]})"));
 }
 
 class ClientTest : public ::testing::Test {
@@ -130,7 +108,7 @@ protected:
 
     // A simulated controller listening at the client's address, on a radio
     // made from `settings` unless one is given.
-    sim::controller& serve(sim::config const& settings = sim_config(),
+    sim::controller& serve(sim::config const& settings = sim::config::builtin(),
                            std::shared_ptr<sim::radio> radio = nullptr) {
         ctl = std::make_unique<sim::controller>(
             loop, radio ? radio : std::make_shared<sim::simulated_radio>(settings),
@@ -156,7 +134,8 @@ protected:
     }
 
     // A new controller and client.
-    void fresh(client_id const& id = std::nullopt, sim::config const& settings = sim_config()) {
+    void fresh(client_id const& id = std::nullopt,
+               sim::config const& settings = sim::config::builtin()) {
         drop_at = throw_at = "";
         client.reset();
         loop->run();

@@ -32,12 +32,13 @@ auto fields(bt_ctrl::capabilities const& c) {
         c.addrTypes);
 }
 
-// enable() is refused on a later turn
+// The handshake names the client. enable() is refused on a later turn
 // outside the disabled state.
 TEST_F(ClientTest, ANormalStartOffersTheInterfacesAndBindsTheChosenOne) {
     auto settings = two_interfaces();
     settings.versions = {"2.5.1", "3"};
-    fresh(std::nullopt, settings);
+    fresh(std::array<unsigned char, 16>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15},
+          settings);
     context_ptr context;
     client->enable(on("enable", &context));
     client->enable(on("again"));
@@ -64,9 +65,11 @@ TEST_F(ClientTest, ANormalStartOffersTheInterfacesAndBindsTheChosenOne) {
     auto const& hci1 = settings.interfaces[1].description;
     EXPECT_EQ(client->get_address(), hci1.address);
     EXPECT_EQ(fields(client->get_capabilities()), fields(hci1.caps));
-    // The address came with the handshake, so nothing more is asked.
-    EXPECT_EQ(requests(),
-              (strings{"hdshkStart {}", R"(hdshkFinish {"if":"hci1"})", "ifStatusGet {}"}));
+    // The address came with the handshake, so it is not asked for; the
+    // client's id makes the sync read the reservations too.
+    EXPECT_EQ(requests(), (strings{R"(hdshkStart {"clientID":"000102030405060708090A0B0C0D0E0F"})",
+                                   R"(hdshkFinish {"if":"hci1"})", "ifStatusGet {}",
+                                   "freeResvsGet {}", "resvsGet {}", "advsGet {}", "connsGet {}"}));
 }
 
 // A radio whose interfaces announce no address in the handshake; asked
@@ -85,7 +88,7 @@ public:
 
 // The state is enabled only once the address is known.
 TEST_F(ClientTest, AnAddressMissingFromTheHandshakeIsAskedForAndItsFailureDropsTheLink) {
-    auto const settings = sim_config();
+    auto const settings = sim::config::builtin();
     serve(settings, std::make_shared<unannounced_address>(settings))
         .fail_request("ifAddrGet", sim::ctrl_error::internal_error, sim::controller::repeat::once);
     make_client();
@@ -95,8 +98,8 @@ TEST_F(ClientTest, AnAddressMissingFromTheHandshakeIsAskedForAndItsFailureDropsT
 
     ctl->clear_requests();
     loop->advance(3s);
-    EXPECT_EQ(requests(),
-              (strings{"hdshkStart {}", "hdshkFinish null", "ifStatusGet {}", "ifAddrGet {}"}));
+    EXPECT_EQ(requests(), (strings{"hdshkStart {}", "hdshkFinish null", "ifStatusGet {}",
+                                   "ifAddrGet {}", "advsGet {}", "connsGet {}"}));
     EXPECT_EQ(heard, (strings{"rebooting", "enable: ok", "enabled"}));
     EXPECT_EQ(client->get_address(), settings.interfaces[0].description.address);
 }
@@ -329,8 +332,8 @@ TEST_F(ClientTest, ResetBindsTheInterfaceBoundBefore) {
         loop->advance(3s);
         EXPECT_EQ(heard, (strings{"rebooting", "reset: ok", "enabled"}));
         EXPECT_EQ(connects, r.connects);
-        EXPECT_EQ(requests(),
-                  (strings{"hdshkStart {}", "hdshkFinish " + r.finish_body, "ifStatusGet {}"}));
+        EXPECT_EQ(requests(), (strings{"hdshkStart {}", "hdshkFinish " + r.finish_body,
+                                       "ifStatusGet {}", "advsGet {}", "connsGet {}"}));
     }
 }
 

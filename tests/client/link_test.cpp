@@ -65,7 +65,7 @@ TEST_F(ClientTest, AStatusOtherThanEnabledDropsTheLinkWhenRepliedNotWhenReported
          {std::pair{state::disabled, strings{"rebooting", "disabled", "rebooting"}},
           std::pair{state::rebooting, strings{"rebooting"}}}) {
         SCOPED_TRACE(bt_ctrl::to_string(status));
-        auto settings = sim_config();
+        auto settings = sim::config::builtin();
         settings.interfaces[0].status = status;
         fresh(std::nullopt, settings);
         client->enable([](auto const&...) {});
@@ -80,15 +80,15 @@ TEST_F(ClientTest, AStatusOtherThanEnabledDropsTheLinkWhenRepliedNotWhenReported
 
     heard.clear();
     ctl->clear_requests();
-    auto const address = sim_config().interfaces[0].description.address;
+    auto const address = sim::config::builtin().interfaces[0].description.address;
     for (auto const status : {state::rebooting, state::disabled, state::enabled}) {
         ctl->set_interface_status("hci0", status);
         loop->run();
-        // The address goes with the mirrors, so it is asked for again.
+        // The address goes with the mirrors, and all are asked for again.
         EXPECT_EQ(client->get_address(), status == state::enabled ? address : bt_ctrl::address());
     }
     EXPECT_EQ(heard, (strings{"rebooting", "disabled", "enabled"}));
-    EXPECT_EQ(requests(), strings{"ifAddrGet {}"});
+    EXPECT_EQ(requests(), (strings{"ifAddrGet {}", "advsGet {}", "connsGet {}"}));
     loop->advance(60s);
     EXPECT_EQ(connects.size(), 2u);  // the link stayed
 }

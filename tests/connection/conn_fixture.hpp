@@ -1,6 +1,6 @@
 // The fixture of the connection tests: a client enabled on a controller that
-// the test plays. The controller answers the handshake, the interface status
-// and "connsGet" by itself; every request is recorded in order with its
+// the test plays. The controller answers the handshake, the interface status,
+// "advsGet" and "connsGet" by itself; every request is recorded in order with its
 // responder, and the others are answered as the test scripts them, at once
 // or later by hand. Events are sent when the test says, so every interleaving
 // of replies, events and the application's calls can be staged.
@@ -103,6 +103,7 @@ public:
         answers["hdshkFinish"] = with({{"if", "hci0"}});
         answers["ifStatusGet"] = with({{"status", "enabled"}});
         // A test may have scripted its own.
+        answers.emplace("advsGet", with({{"maxAdvertisers", 4}, {"advertisers", json::object()}}));
         answers.emplace("connsGet", with({{"maxConnections", 4}, {"connections", json::object()}}));
     }
 
