@@ -57,6 +57,7 @@ using namespace zelvo::tavrin;
 using namespace std::chrono_literals;
 using json = nlohmann::json;
 using conn_ptr = std::shared_ptr<bt_ctrl::connection>;
+using const_conn = std::shared_ptr<bt_ctrl::connection const>;
 using reservation_ptr = std::shared_ptr<bt_ctrl::reservation const>;
 
 constexpr unsigned short port = 7500;
@@ -82,12 +83,14 @@ char const* const names[] = {
 };
 constexpr std::size_t name_count = sizeof(names) / sizeof(names[0]);
 
-// An interface that offers everything.
+// An interface that offers everything the client can use.
 json interface_caps() {
     json caps = {{"maxTxPower", 10}, {"maxMtuSize", 247}, {"addrTypes", {"public", "random"}}};
     for (auto const& flag : impl::capability_keys::flags) {
         caps[flag.key] = true;
     }
+    // Latency is for incoming connections on a controller without this flag.
+    caps["connLatencyChange"] = false;
     for (auto const& length : impl::capability_keys::value_lengths) {
         caps[length.key] = 512;
     }
@@ -262,7 +265,11 @@ private:
 // What the application holds and does.
 class application {
 public:
-    explicit application(std::shared_ptr<bt_ctrl> client) : client(std::move(client)) {}
+    explicit application(std::shared_ptr<bt_ctrl> client) : client(std::move(client)) {
+        links.push_back(this->client->notify_on_new_connection([this](const_conn const& conn) {
+            announced[announced_count++ % max_connections] = conn;
+        }));
+    }
 
     void call(unsigned operation, unsigned argument) {
         auto& slot = conns[argument % max_connections];
@@ -276,6 +283,10 @@ public:
             slot = client->create_connection();
             links.push_back(slot->notify_on_state_change([](bt_ctrl::connection::state) {}));
         }
+        // The getters may read a connection that the controller announced.
+        auto const& read = (argument & 0x40) != 0 && announced[argument % max_connections]
+                               ? announced[argument % max_connections]
+                               : const_conn(slot);
         auto const phy = static_cast<bt_ctrl::phy>((argument >> 2) & 3);
         auto const reservation = some_reservation(argument >> 4);
         switch (operation % 16) {
@@ -288,15 +299,15 @@ public:
                 keep(slot->close(done));
                 break;
             case 2:
-                keep(slot->get_address([done](auto const&, auto const& ec) { done(ec); }));
-                keep(slot->get_signal([done](auto const&, auto const& ec) { done(ec); }));
+                keep(read->get_address([done](auto const&, auto const& ec) { done(ec); }));
+                keep(read->get_signal([done](auto const&, auto const& ec) { done(ec); }));
                 break;
             case 3:
-                keep(slot->get_phy([done](auto, auto const& ec) { done(ec); }));
-                keep(slot->get_latency([done](bool, auto const& ec) { done(ec); }));
+                keep(read->get_phy([done](auto, auto const& ec) { done(ec); }));
+                keep(read->get_latency([done](bool, auto const& ec) { done(ec); }));
                 break;
             case 4:
-                keep(slot->get_params([done](unsigned short, unsigned short, unsigned short,
+                keep(read->get_params([done](unsigned short, unsigned short, unsigned short,
                                              unsigned short,
                                              std::error_code const& ec) { done(ec); }));
                 break;
@@ -329,10 +340,10 @@ public:
                 break;
             case 12:
                 // Read everything the client shows.
-                (void)slot->get_state();
-                (void)slot->get_mtu();
-                (void)slot->get_direction();
-                (void)slot->get_close_reason();
+                (void)read->get_state();
+                (void)read->get_mtu();
+                (void)read->get_direction();
+                (void)read->get_close_reason();
                 (void)client->get_connection_max_cnt();
                 (void)client->get_free_reservation_cnt();
                 (void)client->get_address();
@@ -362,6 +373,9 @@ public:
         release();
         for (auto& slot : conns) {
             slot.reset();
+        }
+        for (auto& conn : announced) {
+            conn.reset();
         }
     }
 
@@ -393,6 +407,8 @@ private:
 
     std::shared_ptr<bt_ctrl> client;
     conn_ptr conns[max_connections];
+    const_conn announced[max_connections];
+    std::size_t announced_count = 0;
     std::vector<utils::link> links;
 };
 
@@ -409,6 +425,7 @@ int fuzz_client(std::uint8_t const* data, std::size_t size) {
     auto const log = client->set_log_handler(
         [](bt_ctrl::log_level, std::string const& line) { require(!line.empty()); }, "");
     auto const contained = client->set_exception_handler([](std::string const&) {});
+    auto app = std::make_unique<application>(client);
     client->enable(
         [](std::shared_ptr<bt_ctrl::handshake_ctx> const& context, std::error_code const& ec) {
             if (context && !ec) {
@@ -419,7 +436,6 @@ int fuzz_client(std::uint8_t const* data, std::size_t size) {
     require(client->get_state() == bt_ctrl::state::enabled);
     controller->auto_sync = false;
 
-    auto app = std::make_unique<application>(client);
     reader input(data, size);
     while (!input.done()) {
         auto const kind = input.byte() % 5;

@@ -107,13 +107,12 @@ CLIENT_SEEDS = {
         event("connPhy", {"connHandle": 5, "connPhy": "2m"}),
         event("connParams", {"connHandle": 5, "connParams": PARAMS_BODY}),
         call(PHY_LATENCY), reply("connPhyGet", {"connPhy": "2m"}),
-        reply("connLatencyGet", {"enableLatency": True}),
         call(ADDRESS_SIGNAL),
         reply("connAddressGet", {"addr": {"type": "public", "mac": "AA:BB:CC:DD:EE:01"}}),
         reply("connSignalGet", {"signal": {"quality": 80, "strength": -60}}),
         call(PARAMS), reply("connParamsGet", {"connParams": PARAMS_BODY}),
-        call(SET_PHY_LATENCY, 4), reply("connPhySet", {}), fail("connLatencySet", 3),
-        call(SET_PARAMS, 6), reply("connParamsSet", {}),
+        call(SET_PHY_LATENCY, 8), reply("connPhySet", {}),
+        call(SET_PARAMS, 0), reply("connParamsSet", {}),
         call(QUEUE), reply("connsGet", {"maxConnections": 4,
                                         "connections": {"5": {"piq": 0}}}),
         call(CLOSE), reply("connClose", {}),
@@ -124,10 +123,10 @@ CLIENT_SEEDS = {
     "c_reservations": [
         call(ADD_RESV, 0), reply("resvCreate", {"resvId": 9}),
         event("freeResvsChanged", {"connection": 1, "advertiser": 1}),
-        call(SET_RESV, 0x10), reply("connResvSet", {}),
         call(CONNECT, 0x11), reply("connOpen", {"connHandle": 6, "status": "pending",
                                                 "guaranteedTime": 0}),
         event("connPending", {"connHandle": 6}),
+        call(SET_RESV, 0x11), reply("connResvSet", {}),
         event("connsChanged", {"maxConnections": 4, "connections": {"6": {"piq": 1}}}),
         call(REPLACE_RESV, 0x20), reply("resvRecreate", {"resvId": 10}),
         call(REMOVE_RESV, 0x10), fail("resvDestroy", 7),
@@ -138,6 +137,7 @@ CLIENT_SEEDS = {
     "c_resync": [
         event("ifStatusChanged", {"status": "rebooting"}),
         event("ifStatusChanged", {"status": "enabled"}),
+        reply("ifAddrGet", {"addr": {"type": "public", "mac": "02:54:56:00:00:01"}}),
         reply("freeResvsGet", {"connection": 0, "advertiser": 2}),
         reply("resvsGet", {"1": {"type": "advertiser", "context": {"customData": "x"}}}),
         reply("advsGet", {"maxAdvertisers": 2, "advertisers": {}}),
@@ -147,6 +147,8 @@ CLIENT_SEEDS = {
         event("connOpened", {"connHandle": 8, "connPhy": "1m", "connMtu": 23,
                              "connDirection": "incoming"}),
         event("connClosed", {"connHandle": 4, "reason": "resourceRotation"}),
+        # The incoming connection's latency, which only such a one has.
+        call(PHY_LATENCY, 0x40), reply("connLatencyGet", {"enableLatency": False}),
     ],
     # What a controller must not say: bodies of the wrong shape, numbers out
     # of range, refusals, and silence until the replies time out; objects
