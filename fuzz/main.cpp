@@ -13,6 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
             return fuzz_frames(data + 1, size - 1);
         case 's':
             return fuzz_sim_session(data + 1, size - 1);
+        case 'c':
+            return fuzz_client(data + 1, size - 1);
         default:
             return -1;
     }

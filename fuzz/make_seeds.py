@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
-"""Writes the simulator-session seeds of the fuzz corpus (mode 's').
+"""Writes the simulator-session and client seeds of the fuzz corpus (modes
+'s' and 'c').
 
 Run from the repository's root after a change to the frame layout or to the
 requests the simulator serves; the seeds are committed, so neither CI nor a
 build runs this. Each seed is the mode byte, a pacing byte (chunk size and
 stall bit, as sim_session.cpp reads it) and a client's stream of frames.
+A client seed is the mode byte and records as client.cpp reads them.
 """
 import json
 import struct
@@ -50,11 +52,126 @@ SEEDS = {
     "s_half_frame": (0x81, [request(1, "hdshkStart", {})[:25]]),
 }
 
+# Mode 'c': the wire names in client.cpp's order, and its record kinds.
+NAMES = ["ifAddrGet", "freeResvsGet", "resvsGet", "advsGet", "connsGet", "connOpen",
+         "connClose", "connStatusGet", "connMtuGet", "connDirectionGet", "connResvSet",
+         "connAddressGet", "connSignalGet", "connPhySet", "connPhyGet", "connParamsSet",
+         "connParamsGet", "connLatencySet", "connLatencyGet", "resvCreate", "resvRecreate",
+         "resvDestroy", "connPending", "connOpening", "connOpened", "connClosing", "connClosed",
+         "connMtu", "connPhy", "connParams", "connsChanged", "freeResvsChanged", "advsChanged",
+         "ifStatusChanged", "advPending", "gattsDbUpdated"]
+REPLY, FAIL, EVENT, CALL, ADVANCE = range(5)
+# Application calls, as client.cpp numbers them.
+CONNECT, CLOSE, ADDRESS_SIGNAL, PHY_LATENCY, PARAMS, SET_PHY_LATENCY, SET_PARAMS, SET_RESV, \
+    ADD_RESV, REPLACE_RESV, REMOVE_RESV, QUEUE, READ, DROP, RELEASE, RESET = range(16)
+
+
+def body(value):
+    if isinstance(value, bytes):
+        return value
+    return json.dumps(value, separators=(",", ":")).encode()
+
+
+def reply(name, value):
+    data = body(value)
+    return bytes([REPLY, NAMES.index(name), len(data)]) + data
+
+
+def fail(name, code):
+    return bytes([FAIL, NAMES.index(name), code])
+
+
+def event(name, value):
+    data = body(value)
+    return bytes([EVENT, NAMES.index(name), len(data)]) + data
+
+
+def call(operation, argument=0):
+    return bytes([CALL, operation, argument])
+
+
+def advance(seconds):
+    return bytes([ADVANCE, seconds])
+
+
+PARAMS_BODY = {"intervalMin": 6, "intervalMax": 12, "latency": 0, "timeout": 100}
+OPENED = {"connHandle": 5, "connPhy": "1m", "connMtu": 23, "connDirection": "outgoing"}
+
+CLIENT_SEEDS = {
+    # A connection's whole life, with its properties read and changed.
+    "c_connection": [
+        call(CONNECT), reply("connOpen", {"connHandle": 5, "status": "opening",
+                                          "guaranteedTime": 5}),
+        event("connOpened", OPENED),
+        event("connMtu", {"connHandle": 5, "connMtu": 185}),
+        event("connPhy", {"connHandle": 5, "connPhy": "2m"}),
+        event("connParams", {"connHandle": 5, "connParams": PARAMS_BODY}),
+        call(PHY_LATENCY), reply("connPhyGet", {"connPhy": "2m"}),
+        call(ADDRESS_SIGNAL),
+        reply("connAddressGet", {"addr": {"type": "public", "mac": "AA:BB:CC:DD:EE:01"}}),
+        reply("connSignalGet", {"signal": {"quality": 80, "strength": -60}}),
+        call(PARAMS), reply("connParamsGet", {"connParams": PARAMS_BODY}),
+        call(SET_PHY_LATENCY, 8), reply("connPhySet", {}),
+        call(SET_PARAMS, 0), reply("connParamsSet", {}),
+        call(QUEUE), reply("connsGet", {"maxConnections": 4,
+                                        "connections": {"5": {"piq": 0}}}),
+        call(CLOSE), reply("connClose", {}),
+        event("connClosing", {"connHandle": 5}),
+        event("connClosed", {"connHandle": 5, "reason": "userRequested"}),
+    ],
+    # Reservations added, used, replaced and given back, with the counts.
+    "c_reservations": [
+        call(ADD_RESV, 0), reply("resvCreate", {"resvId": 9}),
+        event("freeResvsChanged", {"connection": 1, "advertiser": 1}),
+        call(CONNECT, 0x11), reply("connOpen", {"connHandle": 6, "status": "pending",
+                                                "guaranteedTime": 0}),
+        event("connPending", {"connHandle": 6}),
+        call(SET_RESV, 0x11), reply("connResvSet", {}),
+        event("connsChanged", {"maxConnections": 4, "connections": {"6": {"piq": 1}}}),
+        call(REPLACE_RESV, 0x20), reply("resvRecreate", {"resvId": 10}),
+        call(REMOVE_RESV, 0x10), fail("resvDestroy", 7),
+        call(REMOVE_RESV, 0x10), reply("resvDestroy", {}),
+    ],
+    # The interface goes away and comes back: a second sync, answered by
+    # the input, with a connection the application did not make.
+    "c_resync": [
+        event("ifStatusChanged", {"status": "rebooting"}),
+        event("ifStatusChanged", {"status": "enabled"}),
+        reply("ifAddrGet", {"addr": {"type": "public", "mac": "02:54:56:00:00:01"}}),
+        reply("freeResvsGet", {"connection": 0, "advertiser": 2}),
+        reply("resvsGet", {"1": {"type": "advertiser", "context": {"customData": "x"}}}),
+        reply("advsGet", {"maxAdvertisers": 2, "advertisers": {}}),
+        reply("connsGet", {"maxConnections": 2, "connections": {"4": {"piq": 0}}}),
+        reply("connStatusGet", {"status": "opened"}), reply("connMtuGet", {"connMtu": 50}),
+        reply("connDirectionGet", {"connDirection": "incoming"}),
+        event("connOpened", {"connHandle": 8, "connPhy": "1m", "connMtu": 23,
+                             "connDirection": "incoming"}),
+        event("connClosed", {"connHandle": 4, "reason": "resourceRotation"}),
+        # The incoming connection's latency, which only such a one has.
+        call(PHY_LATENCY, 0x40), reply("connLatencyGet", {"enableLatency": False}),
+    ],
+    # What a controller must not say: bodies of the wrong shape, numbers out
+    # of range, refusals, and silence until the replies time out; objects
+    # dropped and links released mid-operation.
+    "c_hostile": [
+        call(CONNECT, 0x81), reply("connOpen", b"[1,2"),
+        call(CONNECT, 1), reply("connOpen", {"connHandle": 70000, "status": "opened",
+                                             "guaranteedTime": -1}),
+        event("connMtu", {"connHandle": "5", "connMtu": 1e9}),
+        event("connsChanged", {"maxConnections": 4, "connections": {"x": {}}}),
+        event("freeResvsChanged", [1]), event("connParams", {"connHandle": 3}),
+        call(CONNECT, 2), call(DROP, 2), call(RELEASE), call(ADD_RESV, 1),
+        advance(46), call(CONNECT, 3), fail("connOpen", 255), call(RESET),
+    ],
+}
+
 
 def main():
     corpus = Path(__file__).resolve().parent / "corpus"
     for name, (pace, frames) in SEEDS.items():
         (corpus / name).write_bytes(b"s" + bytes([pace]) + b"".join(frames))
+    for name, records in CLIENT_SEEDS.items():
+        (corpus / name).write_bytes(b"c" + b"".join(records))
 
 
 if __name__ == "__main__":

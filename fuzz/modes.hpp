@@ -11,3 +11,6 @@
 int fuzz_frames(std::uint8_t const* data, std::size_t size);
 // 's': one client's bytes to a whole simulator session.
 int fuzz_sim_session(std::uint8_t const* data, std::size_t size);
+// 'c': an enabled client fed a controller's replies and events, then a
+// clean reconnect.
+int fuzz_client(std::uint8_t const* data, std::size_t size);
