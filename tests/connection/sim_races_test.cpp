@@ -6,6 +6,7 @@
 
 #include <array>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -110,6 +111,56 @@ TEST_F(SimFlowTest, AnObjectDroppedFromItsOwnStateHandlerIsClosedAtTheSimulator)
         EXPECT_EQ(queue_of(*client), strings{});
         EXPECT_EQ(request_names(), (strings{"connOpen", "connClose", "connsGet"}));
         EXPECT_TRUE(failures.empty());
+    }
+}
+
+// A slow "connOpen" reply is waited for by a close and by a dropped object
+// alike, and a "connClose" that is never answered times out and rebuilds the
+// link; the simulator ends up with no connection in every case.
+TEST_F(SimFlowTest, SlowAndLostRepliesAreSettledWithTheSimulator) {
+    struct row {
+        char const* what;
+        std::function<void(sim::controller&)> fault;
+        std::function<void(conn_ptr&)> act;
+        strings expected;
+    };
+    auto const conn_ok = "connect: 30s ok";
+    for (auto const& r : {
+             row{"close during a slow open",
+                 [](sim::controller& c) {
+                     c.delay_reply("connOpen", 5s, sim::controller::repeat::once);
+                 },
+                 [this](conn_ptr& conn) { conn->close(on_done("close")); },
+                 {"app pending", "app closing", conn_ok, "close: ok", "app closed"}},
+             row{"dropped during a slow open",
+                 [](sim::controller& c) {
+                     c.delay_reply("connOpen", 5s, sim::controller::repeat::once);
+                 },
+                 [](conn_ptr& conn) { conn.reset(); },
+                 {"app pending", "app closing", conn_ok}},
+             row{"close never answered",
+                 [](sim::controller& c) {
+                     c.drop_reply("connClose", sim::controller::repeat::once);
+                 },
+                 [this](conn_ptr& conn) {
+                     loop->advance(1s);
+                     conn->close(on_done("close"));
+                 },
+                 {"app pending", conn_ok, "app opening", "app opened", "app closing", "app closed",
+                  "close: " + result(error::bt_ctrl::internal_failure), "rebooting", "enabled"}},
+         }) {
+        SCOPED_TRACE(r.what);
+        up();
+        r.fault(*ctl);
+        auto conn = client->create_connection();
+        watch(conn, "app");
+        conn->connect(nearby(), bt_ctrl::phy::unknown, nullptr, on_open("connect"));
+        loop->run();
+        r.act(conn);
+        loop->advance(60s);
+        EXPECT_EQ(heard, r.expected);
+        EXPECT_EQ(queue_of(*client), strings{});
+        EXPECT_THAT(request_names(), Contains("connClose"));
     }
 }
 
