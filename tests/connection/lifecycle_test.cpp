@@ -163,10 +163,7 @@ TEST_F(ConnTest, ConnectRefusesInOrderOnALaterTurnAndSendsNothing) {
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.name);
-        client.reset();
-        loop->run();
-        listening.release();
-        got.clear();
+        reset_script();
         interface_caps = caps(c.caps_changes.is_null() ? json::object() : c.caps_changes);
         start_scripted();
         auto const conn = client->create_connection();
@@ -271,10 +268,7 @@ TEST_F(ConnTest, ACloseBeforeTheReplyIsSettledByTheReply) {
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.name);
-        client.reset();
-        loop->run();
-        listening.release();
-        got.clear();
+        reset_script();
         start_scripted();
         auto const conn = client->create_connection();
         conn->connect(peer(), bt_ctrl::phy::unknown, nullptr, on_open("connect"));
@@ -350,7 +344,6 @@ TEST_F(ConnTest, AnObjectDroppedWhileOpenIsClosedAndAStandInHearsTheEnd) {
     start_scripted();
     collect_new();
     auto conn = open(5);
-    mark = got.size();
     conn.reset();
     loop->run();
     EXPECT_EQ(sent(), strings{R"(connClose {"connHandle":5})"});
@@ -406,11 +399,7 @@ TEST_F(ConnTest, CloseRepliesCountInappropriateStateAsSuccessAndResetOnOtherFail
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.code);
-        client.reset();
-        loop->run();
-        listening.release();
-        got.clear();
-        accepted = 0;
+        reset_script();
         start_scripted();
         auto const conn = open(5);
         heard.clear();
@@ -442,7 +431,6 @@ TEST_F(ConnTest, CloseOfAClosedConnectionSucceedsAndACloseInClosingSendsAgain) {
     EXPECT_EQ(sent(), strings{});
 
     auto const conn = open(5);
-    mark = got.size();
     conn->close(on_done("first"));
     conn->close(on_done("second"));
     loop->run();

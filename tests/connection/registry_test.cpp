@@ -188,10 +188,7 @@ TEST_F(ConnTest, TheQueueIsRefusedOnALaterTurnWithoutAskingTheController) {
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.name);
-        client.reset();
-        loop->run();
-        listening.release();
-        got.clear();
+        reset_script();
         interface_caps = caps(c.caps_changes);
         start_scripted();
         if (c.disable) {
