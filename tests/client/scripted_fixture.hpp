@@ -92,7 +92,8 @@ public:
     }
 
     // A client with `id` that enables on the scripted controller and runs the
-    // loop until nothing is left to do; `mark` is then past the handshake.
+    // loop until nothing is left to do; `mark` is then past every request
+    // received so far.
     void start_scripted(client_id const& id = std::nullopt) {
         serve_script();
         make_client(id);
