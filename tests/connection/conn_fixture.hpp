@@ -99,6 +99,15 @@ public:
         return conn;
     }
 
+    // The queue as the controller lists it now, asked for and delivered.
+    bt_ctrl::connection_queue queue_now() {
+        bt_ctrl::connection_queue found;
+        client->get_connection_queue([&found](bt_ctrl::connection_queue const& queue,
+                                              std::error_code const&) { found = queue; });
+        loop->run();
+        return found;
+    }
+
     // The objects that the client announces as new, in order.
     void collect_new() {
         links.push_back(client->notify_on_new_connection([this](const_conn const& conn) {

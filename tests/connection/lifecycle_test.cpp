@@ -82,10 +82,7 @@ TEST_F(ConnTest, FromClosedTheGateRefusesOnlyClosing) {
     answers["connMtuGet"] = with({{"connMtu", 23}});
     answers["connDirectionGet"] = with({{"connDirection", "incoming"}});
     start_scripted();
-    bt_ctrl::connection_queue queue;
-    client->get_connection_queue([&queue](bt_ctrl::connection_queue const& got_queue,
-                                          std::error_code const&) { queue = got_queue; });
-    loop->run();
+    auto const queue = queue_now();
     ASSERT_EQ(queue.size(), 5u);
     std::multiset<conn_state> found;
     for (auto const& entry : queue) {
