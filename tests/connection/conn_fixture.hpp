@@ -81,6 +81,14 @@ public:
         return ec ? std::string(ec.category().name()) + " " + ec.message() : "ok";
     }
 
+    // Answers the last "connOpen" with `handle`, `status` and that guaranteed
+    // time, and runs the loop dry.
+    void answer_open(unsigned short handle, std::string const& status, int seconds) {
+        reply("connOpen",
+              {{"connHandle", handle}, {"status", status}, {"guaranteedTime", seconds}});
+        loop->run();
+    }
+
     // An application connection opened as `name` under `handle`: connect,
     // the reply "opening", then "connOpened" with MTU `mtu`; `mark` is then
     // past its requests.
@@ -89,8 +97,7 @@ public:
         watch(conn, name);
         conn->connect(peer(), bt_ctrl::phy::unknown, nullptr, on_open(name + " connect"));
         loop->run();
-        reply("connOpen", {{"connHandle", handle}, {"status", "opening"}, {"guaranteedTime", 5}});
-        loop->run();
+        answer_open(handle, "opening", 5);
         event("connOpened", {{"connHandle", handle},
                              {"connPhy", "1m"},
                              {"connMtu", mtu},

@@ -215,8 +215,7 @@ TEST_F(ConnTest, TheReplyMovesTheStateBeforeTheCompletionAndTheEventOpens) {
     heard.clear();
     conn->connect(peer(), bt_ctrl::phy::unknown, nullptr, on_open("connect"));
     loop->run();
-    reply("connOpen", {{"connHandle", 5}, {"status", "opening"}, {"guaranteedTime", 30}});
-    loop->run();
+    answer_open(5, "opening", 30);
     event("connOpened", {{"connHandle", 5}, {"connPhy", "2m"}, {"connMtu", 185}});
     EXPECT_EQ(heard, (strings{"app pending", "app opening", "connect: 30s ok", "app opened"}));
     EXPECT_EQ(conn->get_mtu(), 185);
@@ -245,9 +244,7 @@ TEST_F(ConnTest, ACloseBeforeTheReplyIsSettledByTheReply) {
         conn_state after;
     } const cases[] = {
         {"named",
-         [](ConnTest& t) {
-             t.reply("connOpen", {{"connHandle", 7}, {"status", "pending"}, {"guaranteedTime", 5}});
-         },
+         [](ConnTest& t) { t.answer_open(7, "pending", 5); },
          {"app closing", "connect: 5s ok"},
          conn_state::closing},
         {"refused",
@@ -257,9 +254,7 @@ TEST_F(ConnTest, ACloseBeforeTheReplyIsSettledByTheReply) {
          conn_state::closed},
         // The attempt ended by itself: the waiting close is never told.
         {"closed at once",
-         [](ConnTest& t) {
-             t.reply("connOpen", {{"connHandle", 7}, {"status", "closed"}, {"guaranteedTime", 5}});
-         },
+         [](ConnTest& t) { t.answer_open(7, "closed", 5); },
          {"app closing", "app closed", "connect: 5s ok"},
          conn_state::closed},
     };
@@ -322,8 +317,7 @@ TEST_F(ConnTest, AnObjectDroppedBeforeTheReplyIsClosedFromAStandIn) {
     conn.reset();
     loop->run();
     EXPECT_EQ(sent().size(), 1u) << "nothing to name before the reply";
-    reply("connOpen", {{"connHandle", 9}, {"status", "opening"}, {"guaranteedTime", 5}});
-    loop->run();
+    answer_open(9, "opening", 5);
     EXPECT_EQ(heard.back(), "connect: 5s ok");
     EXPECT_EQ(sent().back(), R"(connClose {"connHandle":9})");
     auto const stand_in = queued(*this, 9);
@@ -446,8 +440,7 @@ TEST_F(ConnTest, AStateHandlerMayCloseOrDropTheObject) {
     });
     conn->connect(peer(), bt_ctrl::phy::unknown, nullptr, on_open("connect"));
     loop->run();
-    reply("connOpen", {{"connHandle", 5}, {"status", "opening"}, {"guaranteedTime", 1}});
-    loop->run();
+    answer_open(5, "opening", 1);
     heard.clear();
     mark = got.size();
     event("connOpened", {{"connHandle", 5}, {"connPhy", "1m"}, {"connMtu", 23}});
@@ -466,8 +459,7 @@ TEST_F(ConnTest, AStateHandlerMayCloseOrDropTheObject) {
     loop->run();
     mark = got.size();
     heard.clear();
-    reply("connOpen", {{"connHandle", 6}, {"status", "opening"}, {"guaranteedTime", 1}});
-    loop->run();
+    answer_open(6, "opening", 1);
     EXPECT_FALSE(dropped);
     EXPECT_EQ(heard, strings{"dropped: 1s ok"});
     EXPECT_EQ(sent(), strings{R"(connClose {"connHandle":6})"});
@@ -498,8 +490,7 @@ TEST_F(ConnTest, AThrowingStateHandlerIsContainedWithItsWords) {
                       throw std::runtime_error("app");
                   });
     loop->run();
-    reply("connOpen", {{"connHandle", 5}, {"status", "opening"}, {"guaranteedTime", 1}});
-    loop->run();
+    answer_open(5, "opening", 1);
     EXPECT_EQ(failures, (strings{"Failed notification handler on Connection state change",
                                  "Failed notification handler on Connection state change",
                                  "Failed response handler on Connection establishment"}));
