@@ -314,9 +314,7 @@ TEST_F(ReservationTest, FreeCountsAreStoredAlwaysAndToldWhenEnabledAndChanged) {
 
 // During the sync the counts are stored and nobody is told.
 TEST_F(ReservationTest, FreeCountsDuringTheSyncAreStoredSilently) {
-    client.reset();
-    loop->run();
-    got.clear();
+    reset_script();
     answers.erase("freeResvsGet");
     start_scripted(some_id);
     std::vector<counts> told;
@@ -326,8 +324,7 @@ TEST_F(ReservationTest, FreeCountsDuringTheSyncAreStoredSilently) {
     EXPECT_EQ(client->get_state(), state::rebooting);
     EXPECT_EQ(client->get_free_reservation_cnt(),
               (counts{{kind::connection, 5}, {kind::advertiser, 4}}));
-    last("freeResvsGet")
-        .reply->reply(quorl_utils::payload(json{{"connection", 1}, {"advertiser", 1}}));
+    reply("freeResvsGet", {{"connection", 1}, {"advertiser", 1}});
     loop->run();
     EXPECT_EQ(client->get_state(), state::enabled);
     EXPECT_EQ(client->get_free_reservation_cnt(),

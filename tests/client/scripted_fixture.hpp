@@ -22,8 +22,12 @@
 
 namespace zelvo::tavrin::testing {
 
+// Public, so that the cases of a table can stage what they need.
 class ScriptedTest : public ClientTest {
-protected:
+public:
+    using ClientTest::client;
+    using ClientTest::heard;
+    using ClientTest::loop;
     using responder = quorl_server::responder;
     using answer = std::function<void(json const& body, responder const&)>;
 
@@ -61,8 +65,8 @@ protected:
 
     // Serves the script; "hci0" with `interface_caps` and
     // `interface_address` (none if null) is the only interface, and the status
-    // is "enabled".
-    void serve_script() {
+    // is "enabled". A derived fixture may script more defaults.
+    virtual void serve_script() {
         serve_raw([this](quorl_server& server, utils::connection&) {
             ++accepted;
             server.set_fallback_handler([this](auto const& request, responder const& r) {
@@ -88,12 +92,24 @@ protected:
     }
 
     // A client with `id` that enables on the scripted controller and runs the
-    // loop until nothing is left to do.
+    // loop until nothing is left to do; `mark` is then past every request
+    // received so far.
     void start_scripted(client_id const& id = std::nullopt) {
         serve_script();
         make_client(id);
         start("hci0");
         loop->run();
+        mark = got.size();
+    }
+
+    // Drops the client and its controller and forgets what was received, so
+    // that a table's case starts afresh with start_scripted().
+    void reset_script() {
+        client.reset();
+        loop->run();
+        listening.release();
+        got.clear();
+        accepted = 0;
     }
 
     // The names of the requests received, from the `from`th on.
@@ -117,6 +133,25 @@ protected:
         return none;
     }
 
+    // "<name> <body>" of each request since `mark`.
+    strings sent() const {
+        strings found;
+        for (auto i = mark; i < got.size(); ++i) {
+            found.push_back(got[i].name + " " + got[i].body.dump());
+        }
+        return found;
+    }
+
+    // Answers the last request of that name by hand.
+    void reply(std::string const& name, json const& body) {
+        ASSERT_TRUE(last(name).reply);
+        last(name).reply->reply(quorl_utils::payload(body));
+    }
+    void fail(std::string const& name, int code) {
+        ASSERT_TRUE(last(name).reply);
+        last(name).reply->fail(code);
+    }
+
     // Sends an event to the client.
     void event(std::string const& name, json const& body) {
         ASSERT_TRUE(raw_server);
@@ -127,6 +162,7 @@ protected:
     json interface_address = {{"type", "public"}, {"mac", "02:54:56:00:00:01"}};
     std::map<std::string, answer> answers;
     std::vector<received> got;
+    std::size_t mark = 0;
     int accepted = 0;
 };
 

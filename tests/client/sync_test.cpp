@@ -49,9 +49,7 @@ class SyncTest : public ScriptedTest {
 protected:
     // A new scripted controller that answers every sync request well.
     void renew() {
-        client.reset();
-        loop->run();
-        got.clear();
+        reset_script();
         answers.clear();
         interface_caps = caps();
         for (auto const& name : all_sync_requests) {
@@ -142,7 +140,6 @@ TEST_F(SyncTest, ARefusedSyncRequestDropsTheLinkAndTheNextLinkSyncsAgain) {
         SCOPED_TRACE(refused_name);
         renew();
         interface_address = json();
-        accepted = 0;
         answers[refused_name] = [this, refused_name](json const&, responder const& r) {
             if (accepted == 1) {
                 r.fail(13);

@@ -188,10 +188,7 @@ TEST_F(ConnTest, TheQueueIsRefusedOnALaterTurnWithoutAskingTheController) {
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.name);
-        client.reset();
-        loop->run();
-        listening.release();
-        got.clear();
+        reset_script();
         interface_caps = caps(c.caps_changes);
         start_scripted();
         if (c.disable) {
@@ -219,11 +216,7 @@ TEST_F(ConnTest, ConnectionsFoundAtSynchronisationFetchTheirOwnStateBeforeEnable
     collect_new();
     start("hci0");
     loop->run();
-    strings names;
-    for (auto const& request : got) {
-        names.push_back(request.name + " " + request.body.dump());
-    }
-    EXPECT_THAT(names,
+    EXPECT_THAT(sent(),
                 ::testing::IsSupersetOf(strings{
                     R"(connStatusGet {"connHandle":4})", R"(connMtuGet {"connHandle":4})",
                     R"(connDirectionGet {"connHandle":4})", R"(connStatusGet {"connHandle":6})",
@@ -254,13 +247,9 @@ TEST_F(ConnTest, ConnectionsFoundAtSynchronisationFetchTheirOwnStateBeforeEnable
     EXPECT_EQ(client->get_state(), state::enabled);
     EXPECT_TRUE(announced.empty());
     std::vector<std::tuple<conn_state, unsigned short, unsigned>> found;
-    client->get_connection_queue(
-        [&found](bt_ctrl::connection_queue const& queue, std::error_code const&) {
-            for (auto const& [conn, position] : queue) {
-                found.emplace_back(conn->get_state(), conn->get_mtu(), position);
-            }
-        });
-    loop->run();
+    for (auto const& [conn, position] : queue_now()) {
+        found.emplace_back(conn->get_state(), conn->get_mtu(), position);
+    }
     EXPECT_THAT(found, UnorderedElementsAre(std::make_tuple(conn_state::opened, 104, 0u),
                                             std::make_tuple(conn_state::closed, 106, 1u)));
 }
@@ -318,10 +307,7 @@ TEST_F(ConnTest, LosingTheControllerClosesEveryConnectionBeforeTheClientTells) {
     EXPECT_EQ(client->get_state(), state::enabled);
     EXPECT_TRUE(announced.empty());
     EXPECT_EQ(mine->get_state(), conn_state::closed);
-    bt_ctrl::connection_queue queue;
-    client->get_connection_queue([&queue](bt_ctrl::connection_queue const& found,
-                                          std::error_code const&) { queue = found; });
-    loop->run();
+    auto const queue = queue_now();
     ASSERT_EQ(queue.size(), 1u);
     EXPECT_NE(queue.begin()->first, mine);
     EXPECT_EQ(queue.begin()->first->get_state(), conn_state::opened);

@@ -44,6 +44,16 @@ std::string params_event(int handle) {
            R"(,"connParams":{"intervalMax":40,"intervalMin":24,"latency":0,"timeout":500}})";
 }
 
+// "connsChanged" with that map of handles, on hci0's two slots.
+std::string conns_changed(std::string const& connections) {
+    return R"(connsChanged {"connections":)" + connections + R"(,"maxConnections":2})";
+}
+
+// "freeResvsChanged" with hci0's one advertiser and `connections` free.
+std::string free_changed(int connections) {
+    return R"(freeResvsChanged {"advertiser":1,"connection":)" + std::to_string(connections) + "}";
+}
+
 class SimConnections : public SimTest {
 protected:
     void SetUp() override {
@@ -59,16 +69,26 @@ protected:
         return a->ask(name, extra);
     }
 
+    // The id of a reservation that `a` creates.
+    json reserve(json body) {
+        return json::parse(a->ask("resvCreate", std::move(body))).at("resvId");
+    }
+
+    // A queue of one connection beyond the slots.
+    void queue_one() {
+        auto settings = ctl->get_limits();
+        settings.max_queue = 1;
+        ctl->set_limits(settings);
+    }
+
     std::unique_ptr<client> a, b;
 };
 
 TEST_F(SimConnections, AConnectionToAnAcceptingPeerOpensAndClosesAsEveryClientHearsIt) {
     EXPECT_EQ(a->ask("connOpen", open_body(accepting)),
               R"({"connHandle":1,"guaranteedTime":30,"status":"pending"})");
-    strings const opening{state_event("connPending", 1),
-                          R"(connsChanged {"connections":{"1":{"piq":0}},"maxConnections":2})",
-                          R"(freeResvsChanged {"advertiser":1,"connection":1})",
-                          state_event("connOpening", 1)};
+    strings const opening{state_event("connPending", 1), conns_changed(R"({"1":{"piq":0}})"),
+                          free_changed(1), state_event("connOpening", 1)};
     EXPECT_EQ(a->take_heard(), opening);
     EXPECT_EQ(b->take_heard(), opening);
     EXPECT_EQ(ask_about("connStatusGet", 1), R"({"status":"opening"})");
@@ -86,8 +106,7 @@ TEST_F(SimConnections, AConnectionToAnAcceptingPeerOpensAndClosesAsEveryClientHe
     EXPECT_EQ(b->ask("connClose", {{"connHandle", 1}}), "{}");
     EXPECT_EQ(b->ask("connClose", {{"connHandle", 1}}), "app 18");
     strings const closing{state_event("connClosing", 1), closed_event(1, "userRequested"),
-                          R"(connsChanged {"connections":{},"maxConnections":2})",
-                          R"(freeResvsChanged {"advertiser":1,"connection":2})"};
+                          conns_changed("{}"), free_changed(2)};
     EXPECT_EQ(a->take_heard(), closing);
     EXPECT_EQ(b->take_heard(), closing);
     EXPECT_EQ(ask_about("connStatusGet", 1), "app 18");
@@ -99,31 +118,22 @@ TEST_F(SimConnections, ARefusingPeerEndsTheAttemptAndAnAbsentOneIsWaitedForUntil
     a->ask("connOpen", open_body(absent));
     EXPECT_EQ(
         a->take_heard(),
-        (strings{state_event("connPending", 1),
-                 R"(connsChanged {"connections":{"1":{"piq":0}},"maxConnections":2})",
-                 R"(freeResvsChanged {"advertiser":1,"connection":1})",
-                 state_event("connOpening", 1), state_event("connPending", 2),
-                 R"(connsChanged {"connections":{"1":{"piq":0},"2":{"piq":0}},"maxConnections":2})",
-                 R"(freeResvsChanged {"advertiser":1,"connection":0})"}));
+        (strings{state_event("connPending", 1), conns_changed(R"({"1":{"piq":0}})"),
+                 free_changed(1), state_event("connOpening", 1), state_event("connPending", 2),
+                 conns_changed(R"({"1":{"piq":0},"2":{"piq":0}})"), free_changed(0)}));
     loop->advance(100s);
-    EXPECT_EQ(a->take_heard(),
-              (strings{closed_event(1, "unknown"),
-                       R"(connsChanged {"connections":{"2":{"piq":0}},"maxConnections":2})",
-                       R"(freeResvsChanged {"advertiser":1,"connection":1})"}));
+    EXPECT_EQ(a->take_heard(), (strings{closed_event(1, "unknown"),
+                                        conns_changed(R"({"2":{"piq":0}})"), free_changed(1)}));
     EXPECT_EQ(ask_about("connStatusGet", 2), R"({"status":"pending"})");
     EXPECT_EQ(ask_about("connClose", 2), "{}");
     EXPECT_EQ(a->take_heard(),
               (strings{state_event("connClosing", 2), closed_event(2, "userRequested"),
-                       R"(connsChanged {"connections":{},"maxConnections":2})",
-                       R"(freeResvsChanged {"advertiser":1,"connection":2})"}));
+                       conns_changed("{}"), free_changed(2)}));
 }
 
 // hci1 offers random addresses and 1M only, and no duplicate connections.
 TEST_F(SimConnections, ARequestTheControllerCannotServeIsRefusedWithItsCode) {
     ctl->set_interface_status("hci1", bt_ctrl::state::enabled);
-    auto const reserve = [this](json body) {
-        return json::parse(a->ask("resvCreate", std::move(body))).at("resvId");
-    };
     auto const in_use = reserve({{"type", "connection"}});
     a->ask("connOpen", {{"addr", absent}, {"resvId", in_use}});
     auto const for_advertising = reserve({{"type", "advertiser"}});
@@ -183,9 +193,6 @@ TEST_F(SimConnections, ARequestTheControllerCannotServeIsRefusedWithItsCode) {
 // Every connection slot is reserved: the first connection is on one
 // reservation, the second (to the refusing peer) on the other.
 TEST_F(SimConnections, AReservationForAConnectionIsCheckedAsForAnOpen) {
-    auto const reserve = [this](json body) {
-        return json::parse(a->ask("resvCreate", std::move(body))).at("resvId");
-    };
     auto const for_advertising = reserve({{"type", "advertiser"}});
     auto const used = reserve({{"type", "connection"}});
     auto const for_another = reserve({{"type", "connection"}, {"addr", refusing}});
@@ -229,20 +236,16 @@ TEST_F(SimConnections, RequestsOnAConnectionThatIsNotOpenOrNotThereAreRefused) {
 // refused, and once the first's guaranteed time is over it is rotated out
 // for the one waiting.
 TEST_F(SimConnections, AConnectionBeyondTheSlotsWaitsItsTurnAndRotatesAnExpiredOneOut) {
-    auto settings = ctl->get_limits();
-    settings.max_queue = 1;
-    ctl->set_limits(settings);
+    queue_one();
     a->ask("connOpen", open_body(accepting));
     loop->advance(10s);
     a->ask("connOpen", open_body(absent));
     a->take_heard();
     EXPECT_EQ(a->ask("connOpen", open_body(accepting)),
               R"({"connHandle":3,"guaranteedTime":30,"status":"pending"})");
-    EXPECT_EQ(
-        a->take_heard(),
-        (strings{
-            state_event("connPending", 3),
-            R"(connsChanged {"connections":{"1":{"piq":0},"2":{"piq":0},"3":{"piq":1}},"maxConnections":2})"}));
+    EXPECT_EQ(a->take_heard(),
+              (strings{state_event("connPending", 3),
+                       conns_changed(R"({"1":{"piq":0},"2":{"piq":0},"3":{"piq":1}})")}));
     EXPECT_EQ(a->ask("connOpen", open_body(accepting)), "app 13");
     EXPECT_EQ(a->ask("connsGet"),
               R"({"connections":{"1":{"piq":0},"2":{"piq":0},"3":{"piq":1}},"maxConnections":2})");
@@ -250,11 +253,10 @@ TEST_F(SimConnections, AConnectionBeyondTheSlotsWaitsItsTurnAndRotatesAnExpiredO
     loop->advance(19s);  // the first is 29 s old
     EXPECT_EQ(a->take_heard(), strings{});
     loop->advance(1s);
-    EXPECT_EQ(
-        a->take_heard(),
-        (strings{state_event("connClosing", 1), closed_event(1, "resourceRotation"),
-                 R"(connsChanged {"connections":{"2":{"piq":0},"3":{"piq":0}},"maxConnections":2})",
-                 state_event("connOpening", 3)}));
+    EXPECT_EQ(a->take_heard(),
+              (strings{state_event("connClosing", 1), closed_event(1, "resourceRotation"),
+                       conns_changed(R"({"2":{"piq":0},"3":{"piq":0}})"),
+                       state_event("connOpening", 3)}));
     // The second expires with nobody waiting: it stays.
     loop->advance(60s);
     EXPECT_EQ(a->take_heard(), (strings{opened_event(3), params_event(3)}));
@@ -262,10 +264,8 @@ TEST_F(SimConnections, AConnectionBeyondTheSlotsWaitsItsTurnAndRotatesAnExpiredO
 }
 
 TEST_F(SimConnections, AReservedConnectionUsesItsSlotAndIsNeverRotatedOut) {
-    auto settings = ctl->get_limits();
-    settings.max_queue = 1;
-    ctl->set_limits(settings);
-    auto const id = json::parse(a->ask("resvCreate", {{"type", "connection"}})).at("resvId");
+    queue_one();
+    auto const id = reserve({{"type", "connection"}});
     EXPECT_EQ(a->ask("connOpen", {{"addr", accepting}, {"resvId", id}}),
               R"({"connHandle":1,"guaranteedTime":0,"status":"pending"})");
     a->ask("connOpen", open_body(absent));
@@ -378,7 +378,7 @@ TEST_F(SimConnections, ThePropertiesOfAnOpenConnectionAreReadAndChangedThroughTh
 }
 
 TEST_F(SimConnections, ConnectionsEndWithTheInterfaceBeforeItsStatusIsTold) {
-    auto const id = json::parse(a->ask("resvCreate", {{"type", "connection"}})).at("resvId");
+    auto const id = reserve({{"type", "connection"}});
     a->ask("connOpen", open_body(accepting));
     a->ask("connOpen", open_body(absent));  // waits
     loop->advance(1s);
@@ -387,8 +387,7 @@ TEST_F(SimConnections, ConnectionsEndWithTheInterfaceBeforeItsStatusIsTold) {
     loop->run();
     EXPECT_EQ(a->take_heard(), (strings{closed_event(1, "interfaceUnavailable"),
                                         closed_event(2, "interfaceUnavailable"),
-                                        R"(connsChanged {"connections":{},"maxConnections":2})",
-                                        R"(freeResvsChanged {"advertiser":1,"connection":1})"}));
+                                        conns_changed("{}"), free_changed(1)}));
     EXPECT_EQ(a->events, strings{R"({"status":"rebooting"})"});
     ctl->set_interface_status("hci0", bt_ctrl::state::enabled);
     loop->advance(5s);
