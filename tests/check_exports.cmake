@@ -14,6 +14,12 @@ endif()
 execute_process(COMMAND nm -D -C --defined-only ${LIBRARY} OUTPUT_VARIABLE symbols
                 COMMAND_ERROR_IS_FATAL ANY)
 string(REPLACE "[abi:cxx11]" "" symbols "${symbols}")
+# Clang gives the comparison operators that the standard library defines as
+# friends of its map iterators the visibility of namespace std (default),
+# whatever the hidden types they compare; they are weak copies nobody outside
+# can name. They are left out of the check below, and only they.
+string(REGEX REPLACE "[^\n]*W std::operator(==|!=)\\(std::_Rb_tree(_const)?_iterator<[^\n]*" ""
+       symbols "${symbols}")
 
 set(required
     "zelvo::tavrin::version::get_string"
