@@ -17,6 +17,22 @@
 namespace zelvo::tavrin::testing {
 namespace {
 
+// The simulator's bound for one client is 64 MB. Under the address
+// sanitizer its shadow memory and the quarantine of freed blocks (256 MB)
+// come on top, so the bound there only tells a leak-like growth (a gigabyte
+// before the fix) from a bounded process.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr long peak_memory_bound_kb = 512 * 1024;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr long peak_memory_bound_kb = 512 * 1024;
+#else
+constexpr long peak_memory_bound_kb = 64 * 1024;
+#endif
+#else
+constexpr long peak_memory_bound_kb = 64 * 1024;
+#endif
+
 using namespace std::chrono_literals;
 using asio::ip::tcp;
 
@@ -134,7 +150,7 @@ TEST_F(SimProcessTest, AClientThatNeverReadsIsDroppedAndMemoryStaysBounded) {
     }
     EXPECT_TRUE(sim.wait_for("): slow reader")) << sim.output();
     EXPECT_TRUE(sim.wait_for("tavrin sim: closed client 1")) << sim.output();
-    EXPECT_LT(sim.peak_memory_kb(), 64 * 1024);
+    EXPECT_LT(sim.peak_memory_kb(), peak_memory_bound_kb);
     EXPECT_TRUE(answers_a_handshake());
 }
 
@@ -151,7 +167,7 @@ TEST_F(SimProcessTest, OutOfDescriptorsTheListenerWaitsInsteadOfSpinning) {
         << sim.output();
     auto const before = sim.cpu_time();
     std::this_thread::sleep_for(2s);
-    EXPECT_LT((sim.cpu_time() - before).count(), 500) << "a busy loop uses the whole 2 s";
+    EXPECT_LT((sim.cpu_time() - before).count(), 1000) << "a busy loop uses the whole 2 s";
     crowd.clear();
     bool answered = false;
     for (int attempt = 0; attempt < 50 && !answered; ++attempt) {
