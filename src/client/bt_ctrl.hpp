@@ -232,6 +232,9 @@ private:
     void reservs_get_resp_handler(response const& resp,
                                   std::shared_ptr<sync_waiter_type> const& waiter);
     void free_reserv_changed_event_handler(event const& ev);
+    // inappropriate_state unless enabled, then unknown_resource_reservation
+    // without an id; no error otherwise.
+    std::error_code refuse_known_reservation(std::optional<unsigned short> const& id) const;
     // Posts `handler` with `ec` and a null reservation.
     void post_refusal(reservation_handler const& handler, std::error_code const& ec) const;
     void post_refusal(result_handler const& handler, std::error_code const& ec) const;

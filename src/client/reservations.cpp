@@ -104,13 +104,9 @@ utils::link bt_ctrl::replace_reservation(reservation_ptr const& old_reservation,
                                          reservation_handler const& handler) {
     auto [linked, link] = misc::link_handler(
         make_exception_wrapper(handler, "Failed response handler on replacing reservation"), false);
-    if (current_state != state::enabled) {
-        post_refusal(linked, make_error_code(error::bt_ctrl::inappropriate_state));
-        return link;
-    }
     auto const old_id = get_reserv_id(old_reservation);
-    if (!old_id) {
-        post_refusal(linked, make_error_code(error::bt_ctrl::unknown_resource_reservation));
+    if (auto const refusal = refuse_known_reservation(old_id)) {
+        post_refusal(linked, refusal);
         return link;
     }
     auto const object = std::make_shared<reservation>(type, target, custom_data);
@@ -140,13 +136,9 @@ utils::link bt_ctrl::remove_reservation(reservation_ptr const& target,
                                         result_handler const& handler) {
     auto [linked, link] = misc::link_handler(
         make_exception_wrapper(handler, "Failed response handler on removing reservation"), false);
-    if (current_state != state::enabled) {
-        post_refusal(linked, make_error_code(error::bt_ctrl::inappropriate_state));
-        return link;
-    }
     auto const id = get_reserv_id(target);
-    if (!id) {
-        post_refusal(linked, make_error_code(error::bt_ctrl::unknown_resource_reservation));
+    if (auto const refusal = refuse_known_reservation(id)) {
+        post_refusal(linked, refusal);
         return link;
     }
     // An object whose removal failed stays in the set.
@@ -159,6 +151,18 @@ utils::link bt_ctrl::remove_reservation(reservation_ptr const& target,
                      linked(ec);
                  });
     return link;
+}
+
+// The checks of an operation on a reservation of the set, in their order: the
+// state first, then the object.
+std::error_code bt_ctrl::refuse_known_reservation(std::optional<unsigned short> const& id) const {
+    if (current_state != state::enabled) {
+        return make_error_code(error::bt_ctrl::inappropriate_state);
+    }
+    if (!id) {
+        return make_error_code(error::bt_ctrl::unknown_resource_reservation);
+    }
+    return {};
 }
 
 void bt_ctrl::post_refusal(reservation_handler const& handler, std::error_code const& ec) const {
