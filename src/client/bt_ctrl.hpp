@@ -15,10 +15,10 @@
 // Sources by concern: lifecycle.cpp (front door, state gate, destructor),
 // ctrl_link.cpp (TCP link, bus wiring, back-off, interface status),
 // handshake.cpp, sync.cpp (subscriptions and the sync's burst of requests),
-// reservations.cpp, registries.cpp (the connection and advertiser maxima
-// and queues), diagnostics.cpp (log lines, exception containment),
-// messages.cpp (error mapping, versions), pending.cpp (the operations whose
-// behaviour has not arrived yet).
+// reservations.cpp, conn_registry.cpp and adv_registry.cpp (the objects
+// the controller's events reach by handle, the maxima and queues),
+// diagnostics.cpp (log lines, exception containment), messages.cpp (error
+// mapping, versions), scanning.cpp (what the library doesn't offer).
 #pragma once
 
 #include <array>
@@ -41,6 +41,7 @@
 #include "quorl/link.hpp"
 #include "quorl/quorl.hpp"
 #include "tavrin/bt_ctrl/address.hpp"
+#include "tavrin/bt_ctrl/advertiser.hpp"
 #include "tavrin/bt_ctrl/capabilities.hpp"
 #include "tavrin/bt_ctrl/connection.hpp"
 #include "tavrin/bt_ctrl/handshake_ctx.hpp"
@@ -160,6 +161,12 @@ public:
     // "major.minor.patch"; missing parts are 0, more parts are ignored. A part
     // that is not a number throws invalid_argument "stol".
     static version_type to_version(std::string const& text);
+    // Advertising data and scan response from {"primary": [...], "scanRsp":
+    // [...]}; either may be missing, and a scan response is engaged only when
+    // present. Malformed structures throw to the caller.
+    static std::pair<tavrin::bt_ctrl::advertiser::adv_data,
+                     std::optional<tavrin::bt_ctrl::advertiser::adv_data>>
+    to_adv_data(nlohmann::json::object_t const& object);
 
     // The controller's id of a reservation in the set; empty for any other
     // object, null included.
@@ -172,6 +179,7 @@ public:
 private:
     friend class handshake_ctx;
     friend class connection;
+    friend class advertiser;
 
     // Lifecycle.
     utils::link enable_impl(enable_handler const& handler);
@@ -239,14 +247,25 @@ private:
     void post_refusal(reservation_handler const& handler, std::error_code const& ec) const;
     void post_refusal(result_handler const& handler, std::error_code const& ec) const;
 
-    // Registries: the maxima and queues (registries.cpp for advertisers,
-    // conn_registry.cpp for connections).
+    // Registries: the sync's reads and the events that keep the maxima and
+    // queues.
     void advs_get_resp_handler(response const& resp,
                                std::shared_ptr<sync_waiter_type> const& waiter);
     void conns_get_resp_handler(response const& resp,
                                 std::shared_ptr<sync_waiter_type> const& waiter);
     void advs_changed_event_handler(event const& ev);
     void conns_changed_event_handler(event const& ev);
+
+    // Advertiser registry (adv_registry.cpp).
+    using adv_state = tavrin::bt_ctrl::advertiser::state;
+    // The object that stands for `handle`: the library's own first, then the
+    // application's; null if none lives.
+    std::shared_ptr<advertiser> find_adv(unsigned short handle) const;
+    advertiser_queue get_advertiser_queue_impl() const;
+    void clean_advs();
+    void on_advs_force_stopped(tavrin::bt_ctrl::advertiser::stop_reason reason);
+    void adv_state_changed_event_handler(event const& ev, adv_state new_state);
+    void adv_data_changed_event_handler(event const& ev);
 
     // Connection registry (conn_registry.cpp).
     using conn_state = tavrin::bt_ctrl::connection::state;
@@ -302,6 +321,9 @@ private:
     std::map<unsigned short, std::shared_ptr<advertiser>> adv_owned;
     std::map<unsigned short, unsigned> adv_queue;
     unsigned advertiser_max_cnt = 0;
+    mutable misc::signal<void, advertiser_queue const&> adv_queue_signal;
+    mutable misc::signal<void, std::shared_ptr<tavrin::bt_ctrl::advertiser const> const&>
+        new_adv_signal;
     std::map<tavrin::bt_ctrl::connection*, std::weak_ptr<connection>> conn_registry;
     std::map<unsigned short, std::weak_ptr<connection>> conn_by_handle;
     std::map<unsigned short, std::shared_ptr<connection>> conn_owned;

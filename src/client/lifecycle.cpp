@@ -2,6 +2,7 @@
 // gate of state changes, and the destructor's order.
 #include <memory>
 
+#include "advertiser/advertiser.hpp"
 #include "client/bt_ctrl.hpp"
 #include "client/handshake_ctx.hpp"
 #include "gatt/server.hpp"
@@ -36,6 +37,7 @@ bt_ctrl::bt_ctrl(std::shared_ptr<utils::event_loop> const& loop, client_id_type 
 }
 
 bt_ctrl::~bt_ctrl() {
+    on_advs_force_stopped(tavrin::bt_ctrl::advertiser::stop_reason::interface_unavailable);
     on_conns_force_stopped(tavrin::bt_ctrl::connection::close_reason::interface_unavailable);
     clear_sync();
     // The loop may outlive the client: pending handlers hear it now.
@@ -125,9 +127,11 @@ void bt_ctrl::on_state_change(state new_state) {
         start_sync();
         return;
     }
-    // Every connection hears of the end before the application hears of the
-    // client's state, and the mirrors are empty by then.
+    // Every advertiser, then every connection, hears of the end before the
+    // application hears of the client's state, and the mirrors are empty by
+    // then.
     current_state = new_state;
+    on_advs_force_stopped(tavrin::bt_ctrl::advertiser::stop_reason::interface_unavailable);
     on_conns_force_stopped(tavrin::bt_ctrl::connection::close_reason::interface_unavailable);
     clear_sync();
     state_signal(new_state);

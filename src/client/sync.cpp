@@ -32,22 +32,27 @@ void bt_ctrl::start_sync() {
     sync_waiter = waiter;
 
     // "ifStatusChanged" is not among them: it lives from the handshake on.
-    // The connection state events share one handler, told the state.
+    // The state events of each family share one handler, told the state.
     auto const conn_state_event = [](conn_state bound) {
         return [bound](bt_ctrl& self, event const& ev) {
             self.conn_state_changed_event_handler(ev, bound);
+        };
+    };
+    auto const adv_state_event = [](adv_state bound) {
+        return [bound](bt_ctrl& self, event const& ev) {
+            self.adv_state_changed_event_handler(ev, bound);
         };
     };
     auto const unserved = [](bt_ctrl& self, event const& ev) { self.unserved_event_handler(ev); };
     std::pair<char const*, std::function<void(bt_ctrl&, event const&)>> const events[] = {
         {"freeResvsChanged", &bt_ctrl::free_reserv_changed_event_handler},
         {"advsChanged", &bt_ctrl::advs_changed_event_handler},
-        {"advDataChanged", unserved},
-        {"advPending", unserved},
-        {"advStarting", unserved},
-        {"advStarted", unserved},
-        {"advStopping", unserved},
-        {"advStopped", unserved},
+        {"advDataChanged", &bt_ctrl::adv_data_changed_event_handler},
+        {"advPending", adv_state_event(adv_state::pending)},
+        {"advStarting", adv_state_event(adv_state::starting)},
+        {"advStarted", adv_state_event(adv_state::started)},
+        {"advStopping", adv_state_event(adv_state::stopping)},
+        {"advStopped", adv_state_event(adv_state::stopped)},
         {"connsChanged", &bt_ctrl::conns_changed_event_handler},
         {"connMtu", &bt_ctrl::conn_mtu_event_handler},
         {"connPhy", &bt_ctrl::conn_phy_event_handler},
@@ -119,9 +124,8 @@ void bt_ctrl::iface_addr_get_resp_handler(response const& resp,
     address = to_address(body.at("addr").get<nlohmann::json::object_t>());
 }
 
-// The objects these events are about (advertisers, connections, the GATT
-// server's) have not arrived: the events are subscribed with the others, so
-// that the set of subscriptions is complete, and dropped unread.
+// The objects these events are about (the GATT server's) have not arrived: the events are
+// subscribed with the others, so that the set of subscriptions is complete, and dropped unread.
 void bt_ctrl::unserved_event_handler(event const&) {}
 
 void bt_ctrl::clear_sync() {
@@ -136,6 +140,7 @@ void bt_ctrl::clear_sync() {
     advertiser_max_cnt = 0;
     adv_by_handle.clear();
     adv_owned.clear();
+    clean_advs();
     connection_max_cnt = 0;
     conn_by_handle.clear();
     conn_owned.clear();

@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -295,15 +294,24 @@ bt_ctrl::connection::connect_resp_handler bt_ctrl::connection::get_on_connect_re
 }
 
 utils::link bt_ctrl::connection::listen(
-    reservation_ptr const&, tavrin::bt_ctrl::advertiser&, tavrin::bt_ctrl::address const&, phy,
-    std::set<unsigned char>, std::optional<signed char> const&, unsigned short,
-    tavrin::bt_ctrl::advertiser::adv_data const&,
-    std::optional<tavrin::bt_ctrl::advertiser::adv_data> const&, reservation_ptr const&,
+    reservation_ptr const& conn_reservation, tavrin::bt_ctrl::advertiser& adv,
+    tavrin::bt_ctrl::address const& addr, phy adv_phy, std::set<unsigned char> channels,
+    std::optional<signed char> const& tx_power, unsigned short interval,
+    tavrin::bt_ctrl::advertiser::adv_data const& data,
+    std::optional<tavrin::bt_ctrl::advertiser::adv_data> const& scan_data,
+    reservation_ptr const& adv_reservation,
     std::function<void(std::chrono::seconds const&, std::chrono::seconds const&,
-                       std::error_code const&)> const&) {
-    // Opening as peripheral goes through an advertiser, which has not
-    // arrived yet.
-    throw std::logic_error("Not implemented");
+                       std::error_code const&)> const& handler) {
+    // The advertiser makes every check, this connection's state among them,
+    // and moves this connection to pending. A connectable start always
+    // reports the connection's guarantee, so the optional is engaged.
+    auto const adapter = [handler](std::chrono::seconds const& adv_time,
+                                   std::optional<std::chrono::seconds> const& conn_time,
+                                   std::error_code const& ec) {
+        handler(adv_time, conn_time.value(), ec);
+    };
+    return adv.start(addr, adv_phy, std::move(channels), tx_power, interval, data, scan_data,
+                     adv_reservation, this, conn_reservation, adapter);
 }
 
 utils::link bt_ctrl::connection::close(std::function<void(std::error_code const&)> const& handler) {
