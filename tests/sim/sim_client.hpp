@@ -54,7 +54,8 @@ public:
         });
         for (char const* name :
              {"freeResvsChanged", "advsChanged", "connsChanged", "connMtu", "connPhy", "connParams",
-              "connPending", "connOpening", "connOpened", "connClosing", "connClosed"}) {
+              "connPending", "connOpening", "connOpened", "connClosing", "connClosed", "advPending",
+              "advStarting", "advStarted", "advStopping", "advStopped", "advDataChanged"}) {
             bus.set_event_handler(name, [this, name](auto const& event) {
                 std::string body;
                 try {
