@@ -342,6 +342,9 @@ void model::on_link(std::string const& interface, unsigned short link, radio::li
             if (entry.incoming) {
                 entry.linked = true;
                 entry.listening.reset();
+                if (status) {
+                    entry.peer = status->peer;
+                }
             }
             if (entry.now == conn_state::closing && entry.incoming) {
                 // Closed while the central was connecting.
