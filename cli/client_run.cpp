@@ -288,6 +288,17 @@ private:
     }
 
     void after_connections() {
+        waiting_for = "the advertising step";
+        job = make_advertising_walk(context(), central(), [this] { after_advertising(); });
+        job->on_enabled();
+    }
+
+    // The virtual central of the advertising step.
+    static bt_ctrl::address central() {
+        return {bt_ctrl::addr_type::public_address, utils::mac_address("02:54:56:00:02:01")};
+    }
+
+    void after_advertising() {
         job.reset();
         if (sim) {
             // Show that the client follows the controller by itself.

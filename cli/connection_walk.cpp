@@ -2,14 +2,14 @@
 // for the peer, connect, read the signal, change the PHY and the parameters,
 // let the simulated peer change its MTU and signal, close, free the slot.
 // Each action waits for the controller's report of its effect before the
-// next one, so the story reads in order; a report that does not come within
-// a few seconds ends the demo with what was missing.
+// next one, so the story reads in order.
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
 #include <system_error>
 
+#include "awaited_report.hpp"
 #include "conn_report.hpp"
 #include "embedded_sim.hpp"
 #include "task.hpp"
@@ -22,15 +22,12 @@ namespace zelvo::tavrin::cli {
 
 namespace {
 
-using namespace std::chrono_literals;
 using conn_state = bt_ctrl::connection::state;
-
-constexpr auto report_wait = 5s;
 
 class connection_walk : public task {
 public:
     connection_walk(task_context context, bt_ctrl::address const& peer, std::function<void()> done)
-        : task(std::move(context)), peer(peer), done(std::move(done)), waiting(ctx.io) {}
+        : task(std::move(context)), peer(peer), done(std::move(done)), waiting(ctx) {}
 
     void on_enabled() override {
         if (started) {
@@ -176,41 +173,23 @@ private:
         };
     }
 
-    // The next action waits for the report `key`: a state word, or "mtu",
-    // "phy", "params".
-    void expect(std::string key, std::string what, std::function<void()> next) {
-        awaited = std::move(key);
-        then = std::move(next);
-        waiting.expires_after(report_wait);
-        waiting.async_wait([this, what](asio::error_code const& ec) {
-            if (!ec) {
-                ctx.fail("no report of " + what + " within " + std::to_string(report_wait.count()) +
-                         " s");
-            }
-        });
+    void expect(std::string key, std::string const& what, std::function<void()> next) {
+        waiting.expect(std::move(key), what, std::move(next));
     }
 
     void reported(std::string const& kind) {
-        auto const key = kind == "state" ? bt_ctrl::connection::to_string(conn->get_state()) : kind;
-        if (awaited.empty() || key != awaited) {
-            return;
-        }
-        awaited.clear();
-        waiting.cancel();
-        // Out of the notification, which the connection is still delivering.
-        asio::post(ctx.io, std::move(then));
+        waiting.reported(kind == "state" ? bt_ctrl::connection::to_string(conn->get_state())
+                                         : kind);
     }
 
     bt_ctrl::address peer;
     std::function<void()> done;
-    asio::steady_timer waiting;
+    awaited_report waiting;
     bool started = false;
     std::shared_ptr<bt_ctrl::reservation const> held;
     std::shared_ptr<bt_ctrl::connection> conn;
     std::unique_ptr<connection_lines> lines;
     utils::scoped_link pending_op;
-    std::string awaited;
-    std::function<void()> then;
 };
 
 }  // namespace

@@ -64,5 +64,10 @@ std::unique_ptr<task> make_advertise_task(task_context context, adv_options cons
 // properties and their changes, closes, frees the slot; then `done`.
 std::unique_ptr<task> make_connection_walk(task_context context, bt_ctrl::address const& peer,
                                            std::function<void()> done);
+// The demo's advertising step: listens, lets the simulated `central` scan
+// and connect, shows the connection that listen gave, closes it; then
+// `done`.
+std::unique_ptr<task> make_advertising_walk(task_context context, bt_ctrl::address const& central,
+                                            std::function<void()> done);
 
 }  // namespace zelvo::tavrin::cli

@@ -12,8 +12,11 @@
 namespace zelvo::tavrin::testing {
 namespace {
 
-sim::central const central{bt_ctrl::address(bt_ctrl::addr_type::public_address,
-                                            utils::mac_address("02:54:56:00:02:01"))};
+sim::central const central = [] {
+    sim::central made;
+    made.address = {bt_ctrl::addr_type::public_address, utils::mac_address("02:54:56:00:02:01")};
+    return made;
+}();
 
 // The first set on air at the simulator.
 unsigned short on_air(sim::simulated_radio& radio) {
@@ -31,8 +34,8 @@ TEST_F(AdvSimTest, ASetStartsAnswersForItselfAndStops) {
             context->finish("", [](std::string const&, std::error_code const&) {});
         }
     });
-    links.push_back(
-        other->notify_on_new_advertiser([&theirs](const_adv const& adv) { theirs.push_back(adv); }));
+    links.push_back(other->notify_on_new_advertiser(
+        [&theirs](const_adv const& adv) { theirs.push_back(adv); }));
     loop->run();
 
     auto const adv = client->create_advertiser();
@@ -65,8 +68,9 @@ TEST_F(AdvSimTest, ASetStartsAnswersForItselfAndStops) {
     });
     adv->get_data([this, s](adv_data const& data, std::optional<adv_data> const& scan,
                             std::error_code const& ec) {
-        note(heard, std::string("data ") + (data == s.data && scan == s.scan_data ? "same" : "other") +
-                        " " + result(ec));
+        note(heard, std::string("data ") +
+                        (data == s.data && scan == s.scan_data ? "same" : "other") + " " +
+                        result(ec));
     });
     loop->run();
     EXPECT_THAT(heard, ::testing::IsSupersetOf({"interval 200 ok", "power -8 ok", "channels 2 ok",
@@ -94,7 +98,7 @@ TEST_F(AdvSimTest, ASetStartsAnswersForItselfAndStops) {
 // library's.
 TEST_F(AdvSimTest, OversizedDataIsRefusedByTheController) {
     auto settings = sim::config::builtin();
-    settings.interfaces[0].caps.extAdv = false;
+    settings.interfaces[0].description.caps.extAdv = false;
     up(settings);
     auto const adv = client->create_advertiser();
     AdvSimTest::settings s;
@@ -139,7 +143,8 @@ TEST_F(AdvSimTest, ACentralOpensTheListeningConnection) {
     // Closing a connection that waits behind its advertiser stops the set.
     auto const waiting = client->create_connection();
     waiting->listen(nullptr, *adv, {}, bt_ctrl::phy::unknown, {}, std::nullopt, 160, {},
-                    std::nullopt, nullptr, [](seconds const&, seconds const&, std::error_code const&) {});
+                    std::nullopt, nullptr,
+                    [](seconds const&, seconds const&, std::error_code const&) {});
     loop->run();
     EXPECT_EQ(adv->get_state(), adv_state::started);
     waiting->close(on_done("close"));
@@ -173,8 +178,8 @@ TEST_F(AdvSimTest, ALostLinkStopsTheObjectsAndTheResyncFindsTheSets) {
     ASSERT_EQ(client->get_state(), state::enabled);
     EXPECT_TRUE(new_advs.empty());
     bt_ctrl::advertiser_queue queue;
-    client->get_advertiser_queue(
-        [&queue](bt_ctrl::advertiser_queue const& found, std::error_code const&) { queue = found; });
+    client->get_advertiser_queue([&queue](bt_ctrl::advertiser_queue const& found,
+                                          std::error_code const&) { queue = found; });
     loop->run();
     ASSERT_EQ(queue.size(), 1u);
     EXPECT_EQ(queue.begin()->first->get_state(), adv_state::started);

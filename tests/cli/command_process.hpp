@@ -9,6 +9,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
+#include <asio.hpp>
+
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -132,6 +136,29 @@ private:
     pid_t pid = 0;
     int exit_code = -1;
 };
+
+// A port that nothing listens at on the loopback interface just now.
+inline unsigned short free_port() {
+    asio::io_context io;
+    return asio::ip::tcp::acceptor(io, {asio::ip::make_address("127.0.0.1"), 0})
+        .local_endpoint()
+        .port();
+}
+
+// "127.0.0.1:PORT".
+inline std::string ctrl(unsigned short port) {
+    return "127.0.0.1:" + std::to_string(port);
+}
+
+// Each text appears in `out`, after the one before it.
+inline void expect_in_order(std::string const& out, std::vector<std::string> const& texts) {
+    std::size_t from = 0;
+    for (auto const& text : texts) {
+        auto const at = out.find(text, from);
+        ASSERT_NE(at, std::string::npos) << "missing, or out of order: " << text << "\n" << out;
+        from = at + text.size();
+    }
+}
 
 // `tavrin sim --listen 127.0.0.1:PORT` and the extra arguments.
 class sim_process : public command_process {

@@ -17,27 +17,6 @@ namespace {
 std::string const command = TAVRIN_COMMAND;
 std::string const peer = "02:54:56:00:01:01-public";
 
-unsigned short free_port() {
-    asio::io_context io;
-    return asio::ip::tcp::acceptor(io, {asio::ip::make_address("127.0.0.1"), 0})
-        .local_endpoint()
-        .port();
-}
-
-// Each text appears in `out`, after the one before it.
-void expect_in_order(std::string const& out, std::vector<std::string> const& texts) {
-    std::size_t from = 0;
-    for (auto const& text : texts) {
-        auto const at = out.find(text, from);
-        ASSERT_NE(at, std::string::npos) << "missing, or out of order: " << text << "\n" << out;
-        from = at + text.size();
-    }
-}
-
-std::string ctrl(unsigned short port) {
-    return "127.0.0.1:" + std::to_string(port);
-}
-
 // The demo connects, shows each change as the controller reports it, closes
 // and frees its slot; what only a simulated peer does needs the simulator in
 // the same process.

@@ -38,11 +38,6 @@ using asio::ip::tcp;
 
 std::string const command = TAVRIN_COMMAND;
 
-unsigned short free_port() {
-    asio::io_context io;
-    return tcp::acceptor(io, {asio::ip::make_address("127.0.0.1"), 0}).local_endpoint().port();
-}
-
 // One request frame of the bus, written by hand as a foreign client would.
 std::vector<unsigned char> request(std::uint32_t id, std::string const& name,
                                    std::string const& body) {

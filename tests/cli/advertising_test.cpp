@@ -1,0 +1,101 @@
+// The command's advertising over real TCP: `tavrin advertise` against
+// `tavrin sim` in another process, plain and connectable with a central of
+// the simulator's configuration connecting; the demo's advertising step;
+// the checks of the options.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "command_process.hpp"
+
+namespace zelvo::tavrin::testing {
+namespace {
+
+std::string const command = TAVRIN_COMMAND;
+std::string const central = "02:54:56:00:02:07-public";
+
+// The example configuration with a central that connects one second after
+// a connectable set goes on air.
+std::string config_with_central() {
+    std::ifstream example(std::string(TAVRIN_SOURCE_DIR) + "/sim/example-config.json");
+    std::string text((std::istreambuf_iterator<char>(example)), {});
+    auto const end = text.rfind('}');
+    text.insert(end, R"(, "centrals": [{"addr": {"type": "public", "mac": "02:54:56:00:02:07"},
+                                          "connectAfter": 1}])");
+    auto const path =
+        ::testing::TempDir() + "tavrin-centrals-" + std::to_string(getpid()) + ".json";
+    std::ofstream(path) << text;
+    return path;
+}
+
+TEST(CommandAdvertising, AdvertiseStartsAndStopsOnInterrupt) {
+    auto const port = free_port();
+    sim_process sim(command, port, {});
+    ASSERT_TRUE(sim.listening);
+    command_process advertising(
+        command, {"advertise", "--name", "tavrin", "--uuid", "180F", "--uuid", "0x181a",
+                  "--interval", "400", "--ctrl", ctrl(port)});
+    ASSERT_TRUE(advertising.wait_for("advertiser started")) << advertising.output();
+    EXPECT_EQ(advertising.interrupt(), 0);
+    expect_in_order(advertising.output(),
+                    {"advertising   flags 06, services 180F 181A, name \"tavrin\", interval 400 "
+                     "(250 ms)",
+                     "advertiser pending", "guaranteed    ", "advertiser started", "stopping",
+                     "advertiser stopping", "advertiser stopped (reason: userRequested)"});
+}
+
+// The central connects through the set: the advertiser stops, the
+// connection that listen gave opens as incoming; an interrupt closes it.
+TEST(CommandAdvertising, AConnectableSetGivesTheCentralsConnection) {
+    auto const config = config_with_central();
+    auto const port = free_port();
+    sim_process sim(command, port, {"--config", config});
+    ASSERT_TRUE(sim.listening) << sim.output();
+    command_process advertising(
+        command, {"advertise", "--connectable", "--name", "t", "--ctrl", ctrl(port)});
+    ASSERT_TRUE(advertising.wait_for("central       " + central)) << advertising.output();
+    EXPECT_EQ(advertising.interrupt(), 0);
+    expect_in_order(advertising.output(),
+                    {"connectable", "advertiser started", "connection state opened (incoming",
+                     "central       " + central, "stopping",
+                     "connection state closed (reason: userRequested)"});
+    expect_in_order(advertising.output(), {"advertiser stopped (reason: connectionOpened)"});
+    std::remove(config.c_str());
+}
+
+TEST(CommandAdvertising, TheDemoShowsTheConnectionThatListenGave) {
+    command_process demo(command, {"demo"});
+    ASSERT_EQ(demo.wait_end(), 0) << demo.output();
+    expect_in_order(
+        demo.output(),
+        {"released      the connection slot", "* create_advertiser()", "  advertiser started",
+         "* the central connects (simulated)", "  connection: state opened (incoming",
+         "  advertiser stopped (reason: "
+         "connectionOpened)",
+         "  connection: incoming from 02:54:56:00:02:01-public", "* close()",
+         "  connection: state closed", "restarts interface hci0", "stopped cleanly"});
+}
+
+TEST(CommandAdvertising, OptionsAreChecked) {
+    struct {
+        std::vector<std::string> args;
+        std::string said;
+    } const cases[] = {
+        {{"advertise", "--uuid", "18"}, "\"18\" is not a 16-bit UUID"},
+        {{"advertise", "--uuid", "0000180F-0000-1000-8000-00805F9B34FB"}, "is not a 16-bit UUID"},
+        {{"advertise", "--interval", "19"}, "--interval"},
+        {{"advertise", "--name", std::string(30, 'n')},
+         "more than the 31 of an advertising packet"},
+    };
+    for (auto const& c : cases) {
+        command_process run(command, c.args);
+        EXPECT_NE(run.wait_end(), 0);
+        EXPECT_NE(run.output().find(c.said), std::string::npos) << run.output();
+    }
+}
+
+}  // namespace
+}  // namespace zelvo::tavrin::testing
