@@ -264,7 +264,8 @@ TEST(Command, ArgumentsAreCheckedBeforeAnythingRuns) {
         std::string err;  // somewhere in standard error
     } const refused[] = {
         {"bogus",
-         "unknown subcommand \"bogus\" (the subcommands are sim, info, demo, watch, connect)"},
+         "unknown subcommand \"bogus\" (the subcommands are sim, info, demo, watch, connect, "
+         "advertise)"},
         {"", "A subcommand is required"},
         {"info bogus", "not expected: bogus"},
         {"info --time-limit abc", "--time-limit: \"abc\" is not a whole number"},
