@@ -4,7 +4,6 @@
 // range refused) in every numeric capability.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <stdexcept>
 #include <string>
 
@@ -12,21 +11,6 @@
 
 namespace zelvo::tavrin::testing {
 namespace {
-
-// The handshake names the client by its id, in upper-case hexadecimal, and
-// names no one without an id.
-TEST_F(ScriptedTest, TheHandshakeNamesTheClientByItsId) {
-    start_scripted(
-        std::array<unsigned char, 16>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 0xAB, 0xFF});
-    ASSERT_FALSE(got.empty());
-    EXPECT_EQ(got[0].name, "hdshkStart");
-    EXPECT_EQ(got[0].body, (json{{"clientID", "000102030405060708090A0B0C0DABFF"}}));
-    client.reset();
-    got.clear();
-    start_scripted();
-    ASSERT_FALSE(got.empty());
-    EXPECT_EQ(got[0].body, json::object());
-}
 
 TEST_F(ScriptedTest, CapabilityNumbersAreTruncatedTowardZero) {
     interface_caps = caps({{"maxTxPower", -128.9},

@@ -12,9 +12,8 @@
 #include <tuple>
 #include <vector>
 
-#include "client_fixture.hpp"
+#include "scripted_fixture.hpp"
 #include "stravik/part_payload.hpp"
-#include "values/capability_keys.hpp"
 
 namespace zelvo::tavrin::testing {
 namespace {
@@ -164,20 +163,6 @@ TEST_F(ClientTest, AFinishReplyNamingAnInterfaceNotOfferedFailsAndDropsTheLink) 
 // and place in our words; nothing the JSON library says gets through, and
 // the handler stays pending.
 TEST_F(ClientTest, AMalformedHandshakeReplyIsToldInOurWords) {
-    auto const good_caps = [] {
-        namespace keys = impl::capability_keys;
-        json caps = {{"maxTxPower", 0}, {"maxMtuSize", 23}, {"addrTypes", {"public"}}};
-        for (auto const& flag : keys::flags) {
-            caps[flag.key] = true;
-        }
-        for (auto const& length : keys::value_lengths) {
-            caps[length.key] = 20;
-        }
-        for (auto const& list : keys::phy_lists) {
-            caps[list.key] = {"1m"};
-        }
-        return caps;
-    };
     struct row {
         std::string start_body;  // the reply to "hdshkStart", or "" for a valid one
         std::string finish_body;
@@ -218,7 +203,7 @@ TEST_F(ClientTest, AMalformedHandshakeReplyIsToldInOurWords) {
         // Each "caps KEY" row spoils one key of otherwise good capabilities.
         auto start_body = r.start_body;
         if (start_body.rfind("caps ", 0) == 0) {
-            auto caps = good_caps();
+            auto caps = ScriptedTest::caps();
             auto const key = start_body.substr(5);
             caps[key] = key == "scanPhys" ? json{1} : json("x");
             start_body = json{{"version", "1"},

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <set>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -22,7 +21,6 @@ namespace zelvo::tavrin::testing {
 
 using kind = bt_ctrl::reservation::type;
 using reservation_ptr = std::shared_ptr<bt_ctrl::reservation const>;
-using counts = bt_ctrl::reservation_counts;
 
 class SimFlowTest : public ConnTest {
 protected:
@@ -31,12 +29,10 @@ protected:
     // An address no peer has: a connection to it waits.
     static bt_ctrl::address absent() { return peer("02:54:56:00:01:99"); }
 
-    // The built-in config with `connections` slots on hci0 and that
-    // guaranteed time.
-    static sim::config with_slots(unsigned connections, std::chrono::seconds guaranteed = 30s) {
+    // The built-in config with `connections` slots on hci0.
+    static sim::config with_slots(unsigned connections) {
         auto settings = sim::config::builtin();
         settings.interfaces[0].slots.connections = connections;
-        settings.interfaces[0].slots.guaranteed_time = guaranteed;
         return settings;
     }
 
@@ -66,21 +62,15 @@ protected:
         return conn;
     }
 
-    // A handler of add or replace that notes "<what>: ok" or
-    // "<what>: <result>" and keeps the reservation in `*kept`.
-    auto on_resv(std::string const& what, reservation_ptr* kept = nullptr) {
-        return [this, what, kept](reservation_ptr const& got_one, std::error_code const& ec) {
-            if (kept) {
-                *kept = got_one;
-            }
-            note(heard, what + ": " + (got_one ? "made " : "null ") + result(ec));
-        };
-    }
-
-    // A reservation the simulator granted.
+    // A reservation the simulator granted, noted as "reserve: ok".
     reservation_ptr reserve(kind type, bt_ctrl::address const& target = {}) {
         reservation_ptr made;
-        client->add_reservation(type, target, "", on_resv("reserve", &made));
+        client->add_reservation(
+            type, target, "",
+            [this, &made](reservation_ptr const& got_one, std::error_code const& ec) {
+                made = got_one;
+                note(heard, "reserve: " + result(ec));
+            });
         loop->run();
         EXPECT_TRUE(made);
         return made;

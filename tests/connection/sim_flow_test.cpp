@@ -1,11 +1,9 @@
-// The library against the simulator, end to end: reservations with the
-// simulator's refusals, a connection's life to a virtual peer, connect's
-// checks on both sides of the wire, close and drop racing the open reply,
-// connections of another client, and the controller going away with
-// connections open.
+// The library against the simulator, end to end: a reservation in use, a
+// connection's life to a virtual peer, connect's refusals on both sides of
+// the wire, connections that wait for a slot and their places in the queue,
+// and connections of another client.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -16,84 +14,6 @@
 
 namespace zelvo::tavrin::testing {
 namespace {
-
-// Each kind's slots can be reserved up to their number, and the free counts
-// follow; a refusal leaves the set and the counts as they were.
-TEST_F(SimFlowTest, ReservationsAreMadeReplacedAndRemovedAtTheSimulator) {
-    auto settings = with_slots(2);
-    settings.interfaces[0].slots.advertisers = 1;
-    // Only a client with an id reads the free counts.
-    up(settings, std::array<unsigned char, 16>{7});
-    strings told;
-    links.push_back(client->notify_on_free_reservation_cnt_change([&told](counts const& now) {
-        told.push_back(std::to_string(now.at(kind::connection)) + "/" +
-                       std::to_string(now.at(kind::advertiser)));
-    }));
-    EXPECT_EQ(client->get_free_reservation_cnt(),
-              (counts{{kind::connection, 2}, {kind::advertiser, 1}}));
-
-    auto const for_peer = reserve(kind::connection, nearby());
-    auto const advertising = reserve(kind::advertiser);
-    EXPECT_EQ(told, (strings{"1/1", "1/0"}));
-    EXPECT_EQ(client->get_reservations(), (bt_ctrl::reservation_set{for_peer, advertising}));
-
-    struct refusal {
-        char const* what;
-        kind type;
-        std::string custom_data;
-        std::error_code expected;
-    };
-    for (auto const& r : {
-             refusal{"no advertiser slot left", kind::advertiser, "",
-                     error::bt_ctrl::insufficient_resources},
-             refusal{"custom data too long", kind::connection, std::string(1025, 'x'),
-                     error::bt_ctrl::insufficient_resources},
-         }) {
-        SCOPED_TRACE(r.what);
-        heard.clear();
-        client->add_reservation(r.type, {}, r.custom_data, on_resv("add"));
-        loop->run();
-        EXPECT_EQ(heard, strings{"add: null " + result(r.expected)});
-    }
-    heard.clear();
-    // Replaced by a kind with no free slot: refused, nothing changed.
-    client->replace_reservation(for_peer, kind::advertiser, {}, "", on_resv("to advertiser"));
-    reservation_ptr replaced;
-    client->replace_reservation(for_peer, kind::connection, {}, "mine",
-                                on_resv("widen", &replaced));
-    loop->run();
-    EXPECT_EQ(heard,
-              (strings{"to advertiser: null " + result(error::bt_ctrl::insufficient_resources),
-                       "widen: made ok"}));
-    ASSERT_TRUE(replaced);
-    EXPECT_EQ(replaced->custom_data, "mine");
-    EXPECT_EQ(client->get_reservations(), (bt_ctrl::reservation_set{replaced, advertising}));
-
-    heard.clear();
-    client->remove_reservation(advertising, on_done("remove"));
-    loop->run();
-    client->remove_reservation(advertising, on_done("again"));
-    client->replace_reservation(for_peer, kind::connection, {}, "", on_resv("old"));
-    loop->run();
-    EXPECT_EQ(
-        heard,
-        (strings{"remove: ok", "again: " + result(error::bt_ctrl::unknown_resource_reservation),
-                 "old: null " + result(error::bt_ctrl::unknown_resource_reservation)}));
-    EXPECT_EQ(client->get_reservations(), bt_ctrl::reservation_set{replaced});
-    EXPECT_EQ(told.back(), "1/1");
-    EXPECT_EQ(request_names(), (strings{"resvCreate", "resvCreate", "resvCreate", "resvCreate",
-                                        "resvRecreate", "resvRecreate", "resvDestroy"}));
-}
-
-// The application gave up waiting, not the slot: the set holds it.
-TEST_F(SimFlowTest, ACancelledAddStillEntersTheSetAndHoldsTheSlot) {
-    up(sim::config::builtin(), std::array<unsigned char, 16>{7});
-    client->add_reservation(kind::connection, {}, "", on_resv("add")).release();
-    loop->run();
-    EXPECT_TRUE(heard.empty());
-    EXPECT_EQ(client->get_reservations().size(), 1u);
-    EXPECT_EQ(client->get_free_reservation_cnt().at(kind::connection), 3u);
-}
 
 // A reservation that a connection uses can't be given back, and a
 // connection on a reservation held for another peer is refused.
@@ -108,7 +28,7 @@ TEST_F(SimFlowTest, AReservationInUseIsBusyAndOneForAnotherPeerIsRefused) {
     loop->advance(1s);
     client->remove_reservation(here, on_done("remove"));
     loop->run();
-    EXPECT_EQ(heard, (strings{"reserve: made ok", "reserve: made ok",
+    EXPECT_EQ(heard, (strings{"reserve: ok", "reserve: ok",
                               "wrong: 0s " + result(error::bt_ctrl::unexpected_resource_target),
                               "right: 0s ok", "remove: " + result(error::bt_ctrl::busy_resource)}));
     EXPECT_EQ(conn->get_state(), conn_state::opened);
@@ -153,44 +73,37 @@ TEST_F(SimFlowTest, AConnectionToThePeerOpensReportsItsPropertiesAndCloses) {
 }
 
 // The library's checks come first and send nothing; the simulator's
-// refusals reach the handler in the library's categories.
+// refusals reach the handler in the library's categories. The interface
+// going down ends the open connection before the client tells its state.
 TEST_F(SimFlowTest, ConnectIsRefusedByTheLibraryOrBySimulatorInItsCategories) {
     auto settings = sim::config::builtin();
     settings.interfaces[0].description.caps.connDuplicateMac = false;
     settings.interfaces[0].description.caps.connPhys = {bt_ctrl::phy::m1, bt_ctrl::phy::m2};
-    settings.interfaces[0].description.caps.addrTypes = {bt_ctrl::addr_type::public_address};
     up(settings);
     auto const busy = opened("first");
-    auto const advertising = reserve(kind::advertiser);
     heard.clear();
     ctl->clear_requests();
 
+    // The interface's capabilities reach the library through the handshake:
+    // a PHY it doesn't offer is refused before anything is sent.
     struct row {
         char const* what;
         bt_ctrl::address target;
         bt_ctrl::phy phy;
-        reservation_ptr with;
         std::error_code expected;
         bool sent;
     };
     for (auto const& r : {
-             row{"phy not offered", absent(), bt_ctrl::phy::coded, nullptr,
-                 error::bt_ctrl::unsupported_phy, false},
-             row{"address type not offered",
-                 peer("C2:54:56:00:01:02", bt_ctrl::addr_type::random_address),
-                 bt_ctrl::phy::unknown, nullptr, error::bt_ctrl::unsupported_address, false},
-             row{"invalid address", bt_ctrl::address(), bt_ctrl::phy::unknown, nullptr,
-                 error::bt_ctrl::unsupported_address, false},
-             row{"advertiser's reservation", absent(), bt_ctrl::phy::unknown, advertising,
-                 error::bt_ctrl::unknown_resource_reservation, false},
-             row{"second to one peer", nearby(), bt_ctrl::phy::unknown, nullptr,
+             row{"phy not offered", absent(), bt_ctrl::phy::coded, error::bt_ctrl::unsupported_phy,
+                 false},
+             row{"second to one peer", nearby(), bt_ctrl::phy::unknown,
                  error::connection::duplicate, true},
          }) {
         SCOPED_TRACE(r.what);
         heard.clear();
         ctl->clear_requests();
         auto conn = client->create_connection();
-        conn->connect(r.target, r.phy, r.with, on_open("connect"));
+        conn->connect(r.target, r.phy, nullptr, on_open("connect"));
         loop->run();
         EXPECT_EQ(heard, strings{"connect: 0s " + result(r.expected)});
         EXPECT_EQ(request_names(), r.sent ? strings{"connOpen"} : strings{});
@@ -206,53 +119,47 @@ TEST_F(SimFlowTest, ConnectIsRefusedByTheLibraryOrBySimulatorInItsCategories) {
     EXPECT_EQ(heard, (strings{"open one: 0s " + result(error::connection::inappropriate_state),
                               "first closed", "disabled",
                               "disabled: 0s " + result(error::bt_ctrl::inappropriate_state)}));
+    EXPECT_EQ(busy->get_close_reason(), bt_ctrl::connection::close_reason::interface_unavailable);
 }
 
-// A close asked before the controller named the connection goes out with
-// the reply; the simulator ends the connection it had begun.
-TEST_F(SimFlowTest, ACloseBeforeTheOpenReplyClosesAtTheSimulator) {
-    up();
-    auto conn = client->create_connection();
-    watch(conn, "app");
-    conn->connect(nearby(), bt_ctrl::phy::unknown, nullptr, on_open("connect"));
-    conn->close(on_done("close"));
-    loop->advance(2s);
-    EXPECT_EQ(heard, (strings{"app pending", "app closing", "connect: 30s ok", "close: ok",
-                              "app closed"}));
-    EXPECT_EQ(request_names(), (strings{"connOpen", "connClose"}));
-    EXPECT_EQ(conn->get_close_reason(), bt_ctrl::connection::close_reason::user_requested);
-    EXPECT_EQ(queue_of(*client), strings{});
-}
-
-// An application that drops its object never leaks the connection at the
-// simulator: before the reply, the reply's handle is closed; while open, a
-// stand-in closes it and is reached by the "connClosed".
-TEST_F(SimFlowTest, AConnectionDroppedByTheApplicationIsClosedAtTheSimulator) {
-    for (bool const open_first : {false, true}) {
-        SCOPED_TRACE(open_first ? "while open" : "before the reply");
-        up();
-        std::vector<const_conn> seen;
-        auto const other = second_client(seen);
-        auto conn = client->create_connection();
-        conn->connect(nearby(), bt_ctrl::phy::unknown, nullptr, on_open("connect"));
-        if (open_first) {
-            loop->advance(1s);
-            ASSERT_EQ(conn->get_state(), conn_state::opened);
-        }
-        ctl->clear_requests();
-        conn.reset();
-        if (open_first) {
-            EXPECT_EQ(queue_of(*client), strings{"closing 0"});
-        }
-        loop->advance(2s);
-        EXPECT_EQ(request_names(), open_first ? (strings{"connClose", "connsGet"})
-                                              : (strings{"connOpen", "connClose"}));
-        EXPECT_EQ(queue_of(*client), strings{});
-        // The other client saw it come and go.
-        ASSERT_EQ(seen.size(), 1u);
-        EXPECT_EQ(seen[0]->get_state(), conn_state::closed);
-        EXPECT_EQ(seen[0]->get_close_reason(), bt_ctrl::connection::close_reason::user_requested);
+// Beyond its slots a connection waits with its place in the queue; the
+// notification and get_connection_queue tell the same places, and a slot
+// given back lets the head of the queue in.
+TEST_F(SimFlowTest, ConnectionsBeyondTheSlotsWaitInTheQueueInOrder) {
+    up(with_slots(1));
+    std::vector<strings> told;
+    links.push_back(client->notify_on_connection_queue_changed(
+        [&told](bt_ctrl::connection_queue const& queue) { told.push_back(describe(queue)); }));
+    auto const first = opened("first");
+    std::vector<conn_ptr> waiting;
+    for (auto const& name : {"second", "third"}) {
+        waiting.push_back(client->create_connection());
+        watch(waiting.back(), name);
+        waiting.back()->connect(nearby(), bt_ctrl::phy::unknown, nullptr,
+                                on_open(std::string(name) + " connect"));
+        loop->run();
     }
+    auto const places = strings{"opened 0", "pending 1", "pending 2"};
+    ASSERT_FALSE(told.empty());
+    EXPECT_EQ(told.back(), places);
+    EXPECT_EQ(queue_of(*client), places);
+    EXPECT_EQ(client->get_connection_max_cnt(), 1u);
+
+    heard.clear();
+    told.clear();
+    first->close(on_done("close first"));
+    loop->advance(1s);
+    EXPECT_EQ(heard, (strings{"first closing", "close first: ok", "first closed", "second opening",
+                              "second opened"}));
+    // Told when the places moved, before the second opened.
+    EXPECT_EQ(told.back(), (strings{"pending 0", "pending 1"}));
+    EXPECT_EQ(queue_of(*client), (strings{"opened 0", "pending 1"}));
+    // Closed while waiting: at once, and the queue moves up.
+    heard.clear();
+    waiting[1]->close(on_done("close third"));
+    loop->run();
+    EXPECT_EQ(heard, (strings{"third closing", "close third: ok", "third closed"}));
+    EXPECT_EQ(queue_of(*client), strings{"opened 0"});
 }
 
 // Another client's connection is the library's own object here: announced,
@@ -283,55 +190,6 @@ TEST_F(SimFlowTest, AnotherClientsConnectionIsANewLibraryObject) {
     EXPECT_EQ(theirs->get_close_reason(), bt_ctrl::connection::close_reason::unknown);
     EXPECT_EQ(conn->get_close_reason(), bt_ctrl::connection::close_reason::unknown);
     EXPECT_EQ(queue_of(*other), strings{});
-}
-
-// The controller goes away with connections open: the application's
-// objects end closed with interface_unavailable. A link that drops leaves
-// the connections at the controller, and the resync brings them back as the
-// library's objects; a controller that restarts has none left.
-TEST_F(SimFlowTest, ALostControllerClosesTheObjectsAndTheResyncFindsTheSurvivors) {
-    for (bool const restart : {false, true}) {
-        SCOPED_TRACE(restart ? "restarted" : "link dropped");
-        up();
-        auto const first = opened("first");
-        auto const second = client->create_connection();
-        second->connect(absent(), bt_ctrl::phy::unknown, nullptr, on_open("second"));
-        loop->run();
-        EXPECT_EQ(second->get_state(), conn_state::pending);
-        heard.clear();
-        if (restart) {
-            ctl.reset();
-            serve(sim::config::builtin());
-        } else {
-            ctl->drop_clients();
-        }
-        loop->run();
-        for (auto const& conn : {first, second}) {
-            EXPECT_EQ(conn->get_state(), conn_state::closed);
-            EXPECT_EQ(conn->get_close_reason(),
-                      bt_ctrl::connection::close_reason::interface_unavailable);
-        }
-        loop->advance(3s);
-        EXPECT_EQ(client->get_state(), state::enabled);
-        EXPECT_EQ(queue_of(*client), restart ? strings{} : (strings{"opened 0", "pending 0"}));
-    }
-}
-
-// A close the controller refuses leaves a mirror that can't be trusted: the
-// link is rebuilt, and the connection, still open, comes back after it.
-TEST_F(SimFlowTest, AFailedCloseRebuildsTheLink) {
-    up();
-    auto const conn = opened("app");
-    heard.clear();
-    ctl->fail_request("connClose", sim::ctrl_error::internal_error, sim::controller::repeat::once);
-    conn->close(on_done("close"));
-    loop->run();
-    EXPECT_EQ(heard, (strings{"app closing", "close: " + result(error::bt_ctrl::internal_failure),
-                              "app closed", "rebooting"}));
-    EXPECT_EQ(conn->get_close_reason(), bt_ctrl::connection::close_reason::interface_unavailable);
-    loop->advance(3s);
-    EXPECT_EQ(heard.back(), "enabled");
-    EXPECT_EQ(queue_of(*client), strings{"opened 0"});
 }
 
 }  // namespace

@@ -217,12 +217,6 @@ TEST(SimConfigLimits, AConfigWhoseHandshakeNoClientCanTakeIsRefusedAtLoad) {
     EXPECT_EQ(config::from_json(with_interfaces(100)).interfaces.size(), 100u);
 }
 
-}  // namespace
-}  // namespace zelvo::tavrin::sim::testing
-
-namespace zelvo::tavrin::sim::testing {
-namespace {
-
 // Events to a client that does not read drop it as a slow reader in the
 // middle of a broadcast; its session's reservation ends there, and its
 // connection goes on for the others.

@@ -212,21 +212,6 @@ TEST_F(SimPeers, ADroppedReplyLeavesTheConnectionInPlaceAndTheClientTimesOut) {
               R"({"connHandle":2,"guaranteedTime":30,"status":"pending"})");
 }
 
-// What the command's embedded simulator serves without a config file.
-TEST(SimBuiltin, TheBuiltInConfigHasAPeerToConnectTo) {
-    auto const loop = adapters::test_loop::create();
-    controller ctl(loop, config::builtin());
-    auto const listening = loop->listen(utils::ip_address("127.0.0.1"), 7102, ctl.accept_handler());
-    client c(loop, 7102);
-    c.bind();
-    EXPECT_EQ(c.ask("connsGet"), R"({"connections":{},"maxConnections":4})");
-    c.ask("connOpen", {{"addr", accepting}});
-    loop->advance(1s);
-    EXPECT_EQ(
-        c.take_heard().at(4),
-        R"(connOpened {"connDirection":"outgoing","connHandle":1,"connMtu":247,"connPhy":"2m"})");
-}
-
 TEST(SimPeerConfig, ABadPeerIsRefusedNamingItsKey) {
     auto const with = [](std::string const& peers) {
         return R"({"interfaces": [{"name": "hci0", "addr": {"type": "public", "mac": "02:00:00:00:00:01"}}], "peers": )" +
