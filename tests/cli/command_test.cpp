@@ -27,6 +27,8 @@
 namespace zelvo::tavrin {
 namespace {
 
+using testing::free_port;
+
 std::string const command = TAVRIN_COMMAND;
 
 struct finished_run {
@@ -49,14 +51,6 @@ finished_run run(std::string const& args) {
         return text;
     };
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(out), slurp(err)};
-}
-
-// A TCP port on 127.0.0.1 that was free a moment ago.
-unsigned short free_port() {
-    asio::io_context io;
-    return asio::ip::tcp::acceptor(io, {asio::ip::make_address("127.0.0.1"), 0})
-        .local_endpoint()
-        .port();
 }
 
 // A controller written by hand, on a thread of its own, for what `tavrin sim`
