@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "handler_slots.hpp"
+
 namespace zelvo::quorl_detail {
 
 using quorl_utils::app_error;
@@ -12,73 +14,6 @@ using quorl_utils::error;
 using quorl_utils::exchange_error;
 using quorl_utils::local_error;
 using quorl_utils::remote_error;
-
-template <typename Handler>
-struct slot final : quorl_utils::link::target {
-    slot(std::weak_ptr<endpoint> owner, Handler handler)
-        : owner(std::move(owner)), handler(std::move(handler)) {}
-
-    void release() override {
-        if (live) {
-            drop();
-            if (auto const alive = owner.lock()) {
-                alive->forget_slot(this);
-            }
-        }
-    }
-    bool active() const override { return live; }
-
-    // Ends the registration and frees the handler (and what it captured) at
-    // once, or when its running call returns: a handler that holds its own
-    // link must not keep itself alive.
-    void drop() {
-        live = false;
-        if (running == 0) {
-            handler = nullptr;
-        }
-    }
-
-    template <typename... Args>
-    auto call(Args const&... args) {
-        ++running;
-        struct leave {
-            slot& self;
-            ~leave() {
-                if (--self.running == 0 && !self.live) {
-                    self.handler = nullptr;
-                }
-            }
-        } const guard{*this};
-        return handler(args...);
-    }
-
-    std::weak_ptr<endpoint> owner;
-    Handler handler;
-    bool live = true;
-    int running = 0;
-};
-
-struct exchange final : quorl_utils::link::target {
-    void release() override {
-        cancelled = true;  // also heard by a reply check that is running
-        if (!done) {
-            done = true;
-            handler = nullptr;
-            if (auto const alive = owner.lock()) {
-                alive->forget_exchange(id);
-            }
-        }
-    }
-    bool active() const override { return !done; }
-
-    std::weak_ptr<endpoint> owner;
-    std::uint32_t id = 0;  // 0: no reply wanted
-    std::string name;
-    quorl::response_handler handler;
-    std::uint64_t deadline = 0;  // in ticks
-    bool done = false;           // outcome given, or cancelled
-    bool cancelled = false;
-};
 
 namespace {
 
@@ -567,76 +502,6 @@ void endpoint::forget_exchange(std::uint32_t id) {
     if (found != pending.end()) {
         pending.erase(found);
     }
-}
-
-void endpoint::forget_slot(void const* which) {
-    if (error_slot.get() == which) {
-        error_slot.reset();
-    }
-    if (reply_check->get() == which) {
-        reply_check->reset();
-    }
-    if (fallback_slot.get() == which) {
-        fallback_slot.reset();
-    }
-    for (auto entry = event_slots.begin(); entry != event_slots.end(); ++entry) {
-        if (entry->second.get() == which) {
-            event_slots.erase(entry);
-            return;
-        }
-    }
-    for (auto entry = request_slots.begin(); entry != request_slots.end(); ++entry) {
-        if (entry->second.get() == which) {
-            request_slots.erase(entry);
-            return;
-        }
-    }
-}
-
-namespace {
-
-// Installs a new handler in `place`; the one it replaces goes inactive. An
-// empty handler only unsets.
-template <typename Handler>
-quorl_utils::link install(std::shared_ptr<slot<Handler>>& place, std::weak_ptr<endpoint> owner,
-                          Handler const& handler) {
-    if (place) {
-        place->drop();
-        place.reset();
-    }
-    if (!handler) {
-        return {};
-    }
-    place = std::make_shared<slot<Handler>>(std::move(owner), handler);
-    return quorl_utils::link(place);
-}
-
-}  // namespace
-
-quorl_utils::link endpoint::set_error_handler(quorl::error_handler const& handler) {
-    return install(error_slot, weak_from_this(), handler);
-}
-
-quorl_utils::link endpoint::set_event_handler(std::string const& name,
-                                              quorl::event_handler const& handler) {
-    return install(event_slots[name], weak_from_this(), handler);
-}
-
-quorl_utils::link endpoint::set_reply_check_handler(quorl::reply_check_handler const& handler) {
-    return install(*reply_check, weak_from_this(), handler);
-}
-
-quorl_utils::link endpoint::set_request_handler(std::string const& name,
-                                                request_handler const& handler) {
-    return install(request_slots[name], weak_from_this(), handler);
-}
-
-quorl_utils::link endpoint::set_fallback_handler(request_handler const& handler) {
-    return install(fallback_slot, weak_from_this(), handler);
-}
-
-void endpoint::set_default_reply_timeout(std::chrono::seconds const& timeout) {
-    default_timeout = timeout;
 }
 
 }  // namespace zelvo::quorl_detail
