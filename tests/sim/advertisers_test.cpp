@@ -196,6 +196,19 @@ TEST_F(SimAdvertisers, AWaitingAdvertiserRotatesOneOutAfterItsGuaranteedTime) {
     EXPECT_EQ(c->ask("advStatusGet", {{"advHandle", 2}}), R"({"status":"started"})");
 }
 
+TEST_F(SimAdvertisers, AReservedAdvertiserHoldsItsSlotAndItsReservation) {
+    c->ask("resvCreate", {{"type", "advertiser"}});  // resvId 1, the only slot
+    c->ask("resvCreate", {{"type", "connection"}});  // resvId 2
+    EXPECT_EQ(
+        (strings{c->ask("advStart", plain), c->ask("advStart", with(plain, {{"advResvId", 1}})),
+                 c->ask("advStart", with(connectable, {{"advResvId", 1}, {"connResvId", 2}})),
+                 c->ask("resvDestroy", {{"resvId", 1}}), c->ask("advResvSet", {{"advHandle", 1}}),
+                 c->ask("advResvSet", {{"advHandle", 1}, {"connResvId", 2}}),
+                 c->ask("advResvSet", {{"advHandle", 1}, {"advResvId", 1}})}),
+        (strings{"app 13", R"({"advGuaranteedTime":0,"advHandle":1,"status":"starting"})", "app 17",
+                 "app 17", "app 13", "app 36", "{}"}));
+}
+
 TEST_F(SimAdvertisers, ACentralConnectsThroughAListeningConnection) {
     EXPECT_EQ(
         exchange("advStart", connectable),
