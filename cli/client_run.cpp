@@ -270,6 +270,10 @@ private:
                 deadline.cancel();
                 job = make_connect_task(context(), *options.peer);
                 return job->on_enabled();
+            case run_options::command::advertise:
+                deadline.cancel();
+                job = make_advertise_task(context(), options.advertising);
+                return job->on_enabled();
             case run_options::command::demo:
                 break;
         }

@@ -8,6 +8,7 @@
 #include <ostream>
 #include <string>
 
+#include "adv_report.hpp"
 #include "endpoint.hpp"
 #include "tavrin/bt_ctrl/interface.hpp"
 
@@ -26,13 +27,15 @@ struct run_options {
     // step with the library's log lines, connect to `peer` and show its
     // changes, then a recovery and a clean stop. watch: a line for every
     // change until interrupted. connect: open a connection to `peer`, show
-    // it, close it on interrupt. For watch and connect the time limit ends
-    // when the client is enabled.
-    enum class command { info, demo, watch, connect };
+    // it, close it on interrupt. advertise: start advertising `advertising`,
+    // show its changes, stop on interrupt. For watch, connect and advertise
+    // the time limit ends when the client is enabled.
+    enum class command { info, demo, watch, connect, advertise };
     command what = command::info;
     // The peer of demo and connect; the demo's default is the simulator's
     // first peer in this process, or the built-in configuration's.
     std::optional<bt_ctrl::address> peer;
+    adv_options advertising;
     bool verbose = false;
 };
 

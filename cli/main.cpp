@@ -1,14 +1,17 @@
 // tavrin: the command-line tool. Without --ctrl, every client command (info,
-// demo, watch, connect) runs against a simulated controller inside this
+// demo, watch, connect, advertise) runs against a simulated controller inside this
 // process.
 #include <algorithm>
 #include <exception>
 #include <iostream>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
+#include "adv_report.hpp"
 #include "client_run.hpp"
 #include "conn_report.hpp"
 #include "endpoint.hpp"
@@ -58,6 +61,18 @@ CLI::Validator const whole_number(
             return "\"" + text + "\" is not a whole number";
         }
         return {};
+    },
+    "");
+
+// A CLI11 check of a 16-bit UUID, with the parser's message.
+CLI::Validator const uuid_check(
+    [](std::string& text) -> std::string {
+        try {
+            cli::parse_uuid16(text);
+            return {};
+        } catch (std::exception const& failure) {
+            return failure.what();
+        }
     },
     "");
 
@@ -172,6 +187,32 @@ int main(int argc, char** argv) {
         ->check(address_check);
     add_client_options(*connect, connect_ctrl, connect_config, connect_options);
 
+    cli::run_options advertise_options;
+    advertise_options.what = cli::run_options::command::advertise;
+    std::optional<std::string> advertise_ctrl;
+    std::optional<std::string> advertise_config;
+    std::vector<std::string> advertise_uuids;
+    auto& advertising = advertise_options.advertising;
+    auto* advertise = app.add_subcommand(
+        "advertise", "Advertise a name and services, print each change, stop on interrupt");
+    advertise->add_option("--name", advertising.name, "Complete local name to advertise")
+        ->type_name("TEXT");
+    advertise
+        ->add_option("--uuid", advertise_uuids,
+                     "16-bit service UUID to list, such as 180F (repeatable)")
+        ->type_name("UUID")
+        ->check(uuid_check);
+    advertise
+        ->add_option("--interval", advertising.interval,
+                     "Advertising interval in units of 0.625 ms")
+        ->type_name("N")
+        ->check(whole_number)
+        ->check(CLI::Range(20, 30000))
+        ->capture_default_str();
+    advertise->add_flag("--connectable", advertising.connectable,
+                        "Let a central connect, and show its connection");
+    add_client_options(*advertise, advertise_ctrl, advertise_config, advertise_options);
+
     CLI11_PARSE(app, argc, argv);
 
     if (sim->parsed()) {
@@ -191,6 +232,18 @@ int main(int argc, char** argv) {
     }
     if (watch->parsed()) {
         return client_command(watch_options, watch_ctrl, watch_config);
+    }
+    if (advertise->parsed()) {
+        for (auto const& text : advertise_uuids) {
+            advertising.uuids.push_back(cli::parse_uuid16(text));
+        }
+        try {
+            cli::build_adv_data(advertising);
+        } catch (std::invalid_argument const& failure) {
+            std::cerr << "tavrin: " << failure.what() << '\n';
+            return 1;
+        }
+        return client_command(advertise_options, advertise_ctrl, advertise_config);
     }
     if (connect->parsed()) {
         connect_options.peer = cli::parse_address(connect_peer);

@@ -11,6 +11,8 @@
 
 #include <asio.hpp>
 
+#include "adv_report.hpp"
+
 #include "tavrin/bt_ctrl/interface.hpp"
 
 namespace zelvo::tavrin::cli {
@@ -54,6 +56,10 @@ std::unique_ptr<task> make_watch_task(task_context context);
 // `tavrin connect`: opens a connection to `peer`, prints its properties and
 // events, and closes it on interrupt.
 std::unique_ptr<task> make_connect_task(task_context context, bt_ctrl::address const& peer);
+// `tavrin advertise`: starts advertising the data built from `options`
+// (listening through a connection when connectable), prints its changes and
+// a central's connection, and stops on interrupt.
+std::unique_ptr<task> make_advertise_task(task_context context, adv_options const& options);
 // The demo's connection step: reserves a slot, connects to `peer`, shows its
 // properties and their changes, closes, frees the slot; then `done`.
 std::unique_ptr<task> make_connection_walk(task_context context, bt_ctrl::address const& peer,

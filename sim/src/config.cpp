@@ -101,6 +101,32 @@ peer read_peer(json const& value, std::string const& path) {
     return described;
 }
 
+// Every key but "addr" may be left out; without "connectAfter" the central
+// connects only when the C++ API asks it to.
+central read_central(json const& value, std::string const& path) {
+    if (!value.is_object()) {
+        wire::fail(path, "expected an object");
+    }
+    refuse_unknown_keys(value, path, {"addr", "connectAfter", "phy", "mtu"});
+    if (!value.contains("addr")) {
+        wire::fail(path + ".addr", "missing");
+    }
+    central described;
+    described.address = wire::read_address(value.at("addr"), path + ".addr");
+    if (value.contains("connectAfter")) {
+        described.connect_after = std::chrono::seconds(
+            wire::read_integer(value.at("connectAfter"), path + ".connectAfter", 0, 86400));
+    }
+    if (value.contains("phy")) {
+        described.phy = wire::read_phy(value.at("phy"), path + ".phy");
+    }
+    if (value.contains("mtu")) {
+        described.mtu = static_cast<unsigned short>(
+            wire::read_integer(value.at("mtu"), path + ".mtu", 23, 517));
+    }
+    return described;
+}
+
 config::interface read_interface(json const& value, std::string const& path) {
     if (!value.is_object()) {
         wire::fail(path, "expected an object");
@@ -220,8 +246,9 @@ config config::from_json(json const& document) {
     if (!document.is_object()) {
         wire::fail("(document)", "expected an object");
     }
-    refuse_unknown_keys(document, "",
-                        {"version", "apiVersion", "defaultInterface", "interfaces", "peers"});
+    refuse_unknown_keys(
+        document, "",
+        {"version", "apiVersion", "defaultInterface", "interfaces", "peers", "centrals"});
     config settings;
     if (document.contains("version")) {
         settings.versions.version = read_version(document.at("version"), "version");
@@ -244,6 +271,16 @@ config config::from_json(json const& document) {
         }
         for (std::size_t i = 0; i < peers.size(); ++i) {
             settings.peers.push_back(read_peer(peers[i], "peers[" + std::to_string(i) + "]"));
+        }
+    }
+    if (document.contains("centrals")) {
+        auto const& centrals = document.at("centrals");
+        if (!centrals.is_array()) {
+            wire::fail("centrals", "expected an array of centrals");
+        }
+        for (std::size_t i = 0; i < centrals.size(); ++i) {
+            settings.centrals.push_back(
+                read_central(centrals[i], "centrals[" + std::to_string(i) + "]"));
         }
     }
     if (document.contains("defaultInterface")) {
@@ -313,6 +350,16 @@ void config::check() const {
         }
         if (!addresses.insert(address).second) {
             wire::fail(path, "a second peer at " + address.to_string());
+        }
+    }
+    if (centrals.size() > central::max_centrals) {
+        wire::fail("centrals", "more than " + std::to_string(central::max_centrals) + " centrals");
+    }
+    for (std::size_t i = 0; i < centrals.size(); ++i) {
+        auto const& address = centrals[i].address;
+        if (!address || !address.is_valid()) {
+            wire::fail("centrals[" + std::to_string(i) + "].addr",
+                       "not a valid address: " + address.to_string());
         }
     }
     if (names.count(default_interface) == 0) {

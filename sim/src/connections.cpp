@@ -118,9 +118,10 @@ outcome connection_direction_get(std::optional<json> const& body, context const&
     if (auto const* code = std::get_if<ctrl_error>(&found)) {
         return *code;
     }
-    // The controller opens connections as central only.
-    return json{{"connDirection",
-                 bt_ctrl::connection::to_string(bt_ctrl::connection::direction::outgoing)}};
+    using direction = bt_ctrl::connection::direction;
+    auto const incoming = std::get<model::connection const*>(found)->incoming;
+    return json{{"connDirection", bt_ctrl::connection::to_string(incoming ? direction::incoming
+                                                                          : direction::outgoing)}};
 }
 
 }  // namespace

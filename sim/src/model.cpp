@@ -18,12 +18,26 @@ model::model(std::shared_ptr<utils::event_loop> loop, sim::radio& radio, event_s
                 on_link(interface, link, what);
             }
         });
+    advertising_watch = radio.on_advertising_change(
+        [this, weak = std::weak_ptr<int>(alive)](std::string const& interface, unsigned short set,
+                                                 radio::advertising_event what) {
+            if (!weak.expired()) {
+                deferral const batch(*this);
+                on_advertising(interface, set, what);
+            }
+        });
 }
 
 model::~model() {
     link_watch.release();
+    advertising_watch.release();
     for (auto& [name, state] : interfaces) {
         for (auto& [handle, entry] : state.connections) {
+            if (entry.guarantee) {
+                entry.guarantee->stop();
+            }
+        }
+        for (auto& [handle, entry] : state.advertisers) {
             if (entry.guarantee) {
                 entry.guarantee->stop();
             }
@@ -84,6 +98,14 @@ unsigned model::unreserved_in_use(interface_state const& state) const {
     return used;
 }
 
+unsigned model::unreserved_advertising(interface_state const& state) const {
+    unsigned used = 0;
+    for (auto const& [handle, entry] : state.advertisers) {
+        used += entry.holds_slot && !entry.reservation ? 1 : 0;
+    }
+    return used;
+}
+
 model::free_counts model::free(std::string const& interface) const {
     auto const counts = slots_of(interface);
     free_counts result{counts.connections, counts.advertisers};
@@ -97,6 +119,8 @@ model::free_counts model::free(std::string const& interface) const {
     }
     auto const used = unreserved_in_use(*state);
     result.connections -= std::min(used, result.connections);
+    auto const advertising = unreserved_advertising(*state);
+    result.advertisers -= std::min(advertising, result.advertisers);
     return result;
 }
 
@@ -121,8 +145,20 @@ json model::connections_json(std::string const& interface) const {
 }
 
 json model::advertisers_json(std::string const& interface) const {
-    // No advertiser is ever started here, so none waits either.
-    return {{"maxAdvertisers", slots_of(interface).advertisers}, {"advertisers", json::object()}};
+    json positions = json::object();
+    if (auto const* state = find_state(interface)) {
+        for (auto const& [handle, entry] : state->advertisers) {
+            if (entry.now != advertiser::state::stopped) {
+                positions[std::to_string(handle)] = {{"piq", 0}};
+            }
+        }
+        unsigned place = 0;
+        for (auto const handle : state->advertiser_queue) {
+            positions[std::to_string(handle)] = {{"piq", ++place}};
+        }
+    }
+    return {{"maxAdvertisers", slots_of(interface).advertisers},
+            {"advertisers", std::move(positions)}};
 }
 
 void model::free_counts_changed(std::string const& interface, free_counts before) {
@@ -218,6 +254,10 @@ model::connection const* model::user_of(std::string const& interface, unsigned s
     return nullptr;
 }
 
+bool model::in_use(std::string const& interface, unsigned short id) const {
+    return user_of(interface, id) != nullptr || advertiser_of(interface, id) != nullptr;
+}
+
 void model::end_session(unsigned session) {
     deferral const batch(*this);
     for (auto& [interface, state] : interfaces) {
@@ -234,8 +274,15 @@ void model::end_session(unsigned session) {
                     start_guarantee(interface, user);
                 }
             }
+            for (auto& [handle, user] : state.advertisers) {
+                if (user.reservation == entry->first) {
+                    user.reservation.reset();
+                    start_advertiser_guarantee(interface, user);
+                }
+            }
             entry = state.reservations.erase(entry);
         }
+        serve_advertiser_queue(interface, std::nullopt, false);
         serve_queue(interface, before, false);
     }
 }

@@ -1,6 +1,6 @@
 // sim::model: the controller's picture of each interface's radio slots and of
-// what holds them: reservations, and connections with the queue of those
-// that wait for a slot. Requests change it through the request handlers;
+// what holds them: reservations, connections and advertisers, each with the
+// queue of those that wait for a slot. Requests change it through the request handlers;
 // it reports every change as events to the sessions bound to the interface,
 // through the sink the controller gives it.
 //
@@ -9,7 +9,10 @@
 // connection uses it. An unreserved connection takes a slot that is neither
 // reserved nor used, or waits in the queue; after its guaranteed time it may
 // be closed to let the head of the queue in. The free count of a type is the
-// slots neither reserved nor used by an unreserved connection.
+// slots neither reserved nor used by an unreserved connection. Advertisers
+// hold advertiser slots the same way, with a queue of their own; a
+// connectable one also holds a connection slot for its listening
+// connection, which never waits.
 //
 // Everything it holds is bounded by the interface's slots and the queue
 // bound: a reservation needs a free slot, and a connection either holds a
@@ -25,7 +28,9 @@
 #include <string>
 #include <vector>
 
+#include "adv_data.hpp"
 #include "tavrin/bt_ctrl/address.hpp"
+#include "tavrin/bt_ctrl/advertiser.hpp"
 #include "tavrin/bt_ctrl/connection.hpp"
 #include "tavrin/bt_ctrl/interface.hpp"
 #include "tavrin/sim/radio.hpp"
@@ -73,6 +78,32 @@ public:
         // Set when the controller asked the radio to close it.
         std::optional<bt_ctrl::connection::close_reason> closing_for;
         std::shared_ptr<utils::timer> guarantee;
+        // Opened by a central through a connectable advertiser.
+        bool incoming = false;
+        // The advertiser it listens through, until a central connects.
+        std::optional<unsigned short> listening;
+        // Whether the radio has a link for it.
+        bool linked = false;
+    };
+
+    struct advertiser {
+        using state = bt_ctrl::advertiser::state;
+        unsigned short handle = 0;
+        state now = state::pending;
+        // What goes on air; its data are kept apart, as a request gave them.
+        radio::advertising settings;
+        std::vector<unsigned char> channels;
+        adv_data::advertising_data data;
+        std::optional<unsigned short> reservation;
+        // A connectable one's connection: listening, then once a central
+        // connected the one it gave. A stopped advertiser is kept only while
+        // the connection a central gave through it lives.
+        std::optional<unsigned short> connection;
+        bool holds_slot = false;
+        bool expired = false;
+        unsigned long slot_order = 0;
+        std::optional<bt_ctrl::advertiser::stop_reason> stopping_for;
+        std::shared_ptr<utils::timer> guarantee;
     };
 
     struct free_counts {
@@ -116,6 +147,8 @@ public:
     // every connection, with 0 for one that holds a slot and its place from
     // 1 for one that waits.
     nlohmann::json connections_json(std::string const& interface) const;
+    // {"maxAdvertisers": ..., "advertisers": {"<handle>": {"piq": ...}}}, as
+    // for connections; stopped advertisers are not listed.
     nlohmann::json advertisers_json(std::string const& interface) const;
 
     // Reservations.
@@ -132,6 +165,8 @@ public:
     void release(std::string const& interface, unsigned short id);
     // The reservation's connection, if one uses it now.
     connection const* user_of(std::string const& interface, unsigned short id) const;
+    // Whether a connection or an advertiser uses it now.
+    bool in_use(std::string const& interface, unsigned short id) const;
     // Drops the reservations of a session's client without a client id.
     void end_session(unsigned session);
 
@@ -159,8 +194,36 @@ public:
     std::chrono::seconds guaranteed_time(std::string const& interface,
                                          std::optional<unsigned short> reservation) const;
 
-    // The interface left `enabled`: every connection ends with
-    // interfaceUnavailable. Reservations stay.
+    // Advertisers.
+    advertiser const* find_advertiser(std::string const& interface, unsigned short handle) const;
+    // The advertiser that uses the reservation now.
+    advertiser const* advertiser_of(std::string const& interface, unsigned short id) const;
+    // Whether an advertiser could start now or wait: it has its
+    // reservation, a free slot, or a place in the queue.
+    bool can_advertise(std::string const& interface,
+                       std::optional<unsigned short> reservation) const;
+    // Whether a listening connection could take a slot now.
+    bool can_listen(std::string const& interface, std::optional<unsigned short> reservation) const;
+    // Starts one, after the caller checked can_advertise() (and
+    // can_listen() for a connectable one): "advStarting" when it has a
+    // slot, "advPending" when it waits; a connectable one gets its listening
+    // connection ("connOpening" or "connPending" alike). Its handle.
+    unsigned short start(std::string const& interface, advertiser const& wanted,
+                         std::optional<unsigned short> connection_reservation);
+    // Begins the stop: "advStopping" now (and "connClosing" for its
+    // listening connection), "advStopped" with the reason once the radio
+    // has it off air (at once for one that waits), then "connClosed".
+    void stop(std::string const& interface, unsigned short handle,
+              bt_ctrl::advertiser::stop_reason reason);
+    // New data, on air at once; "advDataChanged" to every client.
+    void set_data(std::string const& interface, unsigned short handle,
+                  adv_data::advertising_data const& data);
+    // As set_reservation() for a connection.
+    bool set_advertiser_reservation(std::string const& interface, unsigned short handle,
+                                    std::optional<unsigned short> reservation);
+
+    // The interface left `enabled`: every advertiser stops and every
+    // connection ends with interfaceUnavailable. Reservations stay.
     void interface_down(std::string const& interface);
 
 private:
@@ -168,14 +231,19 @@ private:
         std::map<unsigned short, reservation> reservations;
         std::map<unsigned short, connection> connections;
         std::deque<unsigned short> queue;
+        std::map<unsigned short, advertiser> advertisers;
+        std::deque<unsigned short> advertiser_queue;
         unsigned short next_reservation = 1;
         unsigned short next_connection = 1;
+        unsigned short next_advertiser = 1;
     };
 
     interface_state& state_of(std::string const& interface);
     interface_state const* find_state(std::string const& interface) const;
     sim::slots slots_of(std::string const& interface) const;
     unsigned unreserved_in_use(interface_state const& state) const;
+    unsigned unreserved_advertising(interface_state const& state) const;
+    unsigned short new_connection(interface_state& state);
     std::optional<unsigned short> reserve_quietly(std::string const& interface,
                                                   reservation const& claim);
 
@@ -193,9 +261,27 @@ private:
     // the queue if it or `changed` says it changed, and of the free counts
     // if they differ from `before`.
     void serve_queue(std::string const& interface, free_counts before, bool changed);
+    // With `before`, the free counts are reported against it.
     void closed(std::string const& interface, unsigned short handle,
-                bt_ctrl::connection::close_reason reason);
+                bt_ctrl::connection::close_reason reason, std::optional<free_counts> before = {});
     void on_link(std::string const& interface, unsigned short link, radio::link_event what);
+
+    void advertiser_event(std::string const& interface, advertiser const& entry);
+    // Puts it on air; its listening connection, if waiting, opens (and is
+    // told of unless `announce_listener` is false).
+    void take_advertiser_slot(std::string const& interface, advertiser& entry,
+                              bool announce_listener = true);
+    void start_advertiser_guarantee(std::string const& interface, advertiser& entry);
+    // As serve_queue() for advertisers; no report of the free counts
+    // without `before`.
+    void serve_advertiser_queue(std::string const& interface, std::optional<free_counts> before,
+                                bool changed);
+    // Off air: "advStopped", its slot to the queue, its listening connection
+    // closed.
+    void stopped(std::string const& interface, unsigned short handle,
+                 bt_ctrl::advertiser::stop_reason reason);
+    void on_advertising(std::string const& interface, unsigned short set,
+                        radio::advertising_event what);
 
     std::shared_ptr<utils::event_loop> loop;
     sim::radio& radio;
@@ -206,6 +292,7 @@ private:
     unsigned deferrals = 0;
     std::vector<std::tuple<std::string, std::string, nlohmann::json>> pending;
     utils::link link_watch;
+    utils::link advertising_watch;
     std::shared_ptr<int> alive = std::make_shared<int>(0);
 };
 

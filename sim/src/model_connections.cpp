@@ -1,5 +1,7 @@
 // The model's connections: slots taken and given back, the queue and its
-// rotation, and the radio's link events turned into connection events.
+// rotation, and the radio's link events turned into connection events. A
+// listening connection holds its slot without a link until a central
+// connects through its advertiser.
 #include <algorithm>
 
 #include "model.hpp"
@@ -13,10 +15,23 @@ using nlohmann::json;
 using conn_state = bt_ctrl::connection::state;
 using close_reason = bt_ctrl::connection::close_reason;
 
-json handle_body(unsigned short handle) {
+json handle_body(unsigned short handle, bool incoming) {
+    using direction = bt_ctrl::connection::direction;
     return {{"connHandle", handle},
             {"connDirection",
-             bt_ctrl::connection::to_string(bt_ctrl::connection::direction::outgoing)}};
+             bt_ctrl::connection::to_string(incoming ? direction::incoming : direction::outgoing)}};
+}
+
+bt_ctrl::advertiser::stop_reason stop_reason_for(close_reason reason) {
+    using stop_reason = bt_ctrl::advertiser::stop_reason;
+    switch (reason) {
+        case close_reason::resource_rotation:
+            return stop_reason::resource_rotation;
+        case close_reason::interface_unavailable:
+            return stop_reason::interface_unavailable;
+        default:
+            return stop_reason::user_requested;
+    }
 }
 
 json params_json(connection_params const& params) {
@@ -62,16 +77,20 @@ std::chrono::seconds model::guaranteed_time(std::string const& interface,
     return reservation ? std::chrono::seconds(0) : slots_of(interface).guaranteed_time;
 }
 
-unsigned short model::open(std::string const& interface, bt_ctrl::address const& peer,
-                           bt_ctrl::phy phy, std::optional<unsigned short> reservation) {
-    auto const before = free(interface);
-    auto& state = state_of(interface);
+unsigned short model::new_connection(interface_state& state) {
     // Handles are reused only after the 16-bit count wraps, and never while
     // one is live.
     while (state.next_connection == 0 || state.connections.count(state.next_connection) != 0) {
         ++state.next_connection;
     }
-    auto const handle = state.next_connection++;
+    return state.next_connection++;
+}
+
+unsigned short model::open(std::string const& interface, bt_ctrl::address const& peer,
+                           bt_ctrl::phy phy, std::optional<unsigned short> reservation) {
+    auto const before = free(interface);
+    auto& state = state_of(interface);
+    auto const handle = new_connection(state);
     auto& entry = state.connections[handle];
     entry.handle = handle;
     entry.peer = peer;
@@ -93,7 +112,10 @@ void model::take_slot(std::string const& interface, connection& entry) {
     if (!entry.reservation) {
         start_guarantee(interface, entry);
     }
-    radio.open_link(interface, entry.handle, entry.peer, entry.requested_phy);
+    if (!entry.incoming) {
+        entry.linked = true;
+        radio.open_link(interface, entry.handle, entry.peer, entry.requested_phy);
+    }
 }
 
 void model::start_guarantee(std::string const& interface, connection& entry) {
@@ -171,15 +193,22 @@ void model::close(std::string const& interface, unsigned short handle, close_rea
     entry.now = conn_state::closing;
     entry.closing_for = reason;
     state_event(interface, entry);
-    if (entry.holds_slot) {
+    if (entry.linked) {
         radio.close_link(interface, handle);
+        return;
+    }
+    // A listening connection ends with its advertiser, once that is off air.
+    auto const* through = entry.listening ? find_advertiser(interface, *entry.listening) : nullptr;
+    if (through && through->now != advertiser::state::stopped) {
+        stop(interface, through->handle, stop_reason_for(reason));
     } else {
         closed(interface, handle, reason);
     }
 }
 
-void model::closed(std::string const& interface, unsigned short handle, close_reason reason) {
-    auto const before = free(interface);
+void model::closed(std::string const& interface, unsigned short handle, close_reason reason,
+                   std::optional<free_counts> since) {
+    auto const before = since ? *since : free(interface);
     auto& state = state_of(interface);
     auto const found = state.connections.find(handle);
     if (found == state.connections.end()) {
@@ -191,6 +220,13 @@ void model::closed(std::string const& interface, unsigned short handle, close_re
     state.connections.erase(found);
     state.queue.erase(std::remove(state.queue.begin(), state.queue.end(), handle),
                       state.queue.end());
+    // A stopped advertiser is kept only for the connection it gave.
+    for (auto entry = state.advertisers.begin(); entry != state.advertisers.end(); ++entry) {
+        if (entry->second.now == advertiser::state::stopped && entry->second.connection == handle) {
+            state.advertisers.erase(entry);
+            break;
+        }
+    }
     emit(interface, "connClosed",
          {{"connHandle", handle}, {"reason", bt_ctrl::connection::to_string(reason)}});
     serve_queue(interface, before, true);
@@ -230,6 +266,30 @@ void model::interface_down(std::string const& interface) {
     deferral const batch(*this);
     auto const before = free(interface);
     auto& state = state_of(interface);
+    // Advertisers first, as a client ends them first.
+    auto stopping = std::move(state.advertisers);
+    state.advertisers.clear();
+    state.advertiser_queue.clear();
+    bool advertised = false;
+    for (auto& [handle, entry] : stopping) {
+        if (entry.guarantee) {
+            entry.guarantee->stop();
+        }
+        if (entry.now == advertiser::state::stopped) {
+            continue;
+        }
+        advertised = true;
+        if (entry.holds_slot) {
+            radio.stop_advertising(interface, handle);
+        }
+        emit(interface, "advStopped",
+             {{"advHandle", handle},
+              {"reason", bt_ctrl::advertiser::to_string(
+                             bt_ctrl::advertiser::stop_reason::interface_unavailable)}});
+    }
+    if (advertised) {
+        emit(interface, "advsChanged", advertisers_json(interface));
+    }
     auto ended = std::move(state.connections);
     state.connections.clear();
     state.queue.clear();
@@ -237,7 +297,7 @@ void model::interface_down(std::string const& interface) {
         if (entry.guarantee) {
             entry.guarantee->stop();
         }
-        if (entry.holds_slot) {
+        if (entry.linked) {
             radio.close_link(interface, handle);
         }
         emit(interface, "connClosed",
@@ -253,7 +313,7 @@ void model::interface_down(std::string const& interface) {
 void model::state_event(std::string const& interface, connection const& entry) {
     static char const* const names[] = {"connClosed", "connOpened", "connClosing", "connOpening",
                                         "connPending"};
-    auto body = handle_body(entry.handle);
+    auto body = handle_body(entry.handle, entry.incoming);
     if (entry.now == conn_state::opened) {
         auto const status = radio.status_of(interface, entry.handle);
         body["connPhy"] = bt_ctrl::to_string(status ? status->phy : bt_ctrl::phy::unknown);
@@ -279,6 +339,18 @@ void model::on_link(std::string const& interface, unsigned short link, radio::li
             }
             return;
         case event::opened:
+            if (entry.incoming) {
+                entry.linked = true;
+                entry.listening.reset();
+                if (status) {
+                    entry.peer = status->peer;
+                }
+            }
+            if (entry.now == conn_state::closing && entry.incoming) {
+                // Closed while the central was connecting.
+                radio.close_link(interface, link);
+                return;
+            }
             if (entry.now == conn_state::pending || entry.now == conn_state::opening) {
                 entry.now = conn_state::opened;
                 state_event(interface, entry);

@@ -96,6 +96,8 @@ handler_table const& table() {
         add_reservation_requests(all);
         add_connection_requests(all);
         add_connection_property_requests(all);
+        add_advertiser_requests(all);
+        add_advertiser_property_requests(all);
         return all;
     }();
     return handlers;

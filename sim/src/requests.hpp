@@ -50,6 +50,8 @@ handler_table const& table();
 void add_reservation_requests(handler_table& handlers);
 void add_connection_requests(handler_table& handlers);
 void add_connection_property_requests(handler_table& handlers);
+void add_advertiser_requests(handler_table& handlers);
+void add_advertiser_property_requests(handler_table& handlers);
 
 // Shared checks, in the order every request on a bound interface makes
 // them: the body's shape first (malformed_request), then the session's
@@ -89,6 +91,19 @@ std::optional<ctrl_error> refuse_reservation(context const& ctx, unsigned short 
 // A PHY's word: unsupported_phy for a word that is none, or a PHY the
 // interface does not offer for connections.
 std::variant<bt_ctrl::phy, ctrl_error> read_phy(nlohmann::json const& value, context const& ctx);
+// The advertiser a request names by "advHandle", after the checks above
+// with `optional` the body's keys beside it, and unsupported_functionality
+// without the `adv` capability: advertiser_inappropriate_state for a handle
+// the interface has no advertiser for, or only a stopped one unless
+// `stopped_too`.
+std::variant<model::advertiser const*, ctrl_error> named_advertiser(
+    std::optional<nlohmann::json> const& body, context const& ctx,
+    std::set<std::string> const& optional = {}, bool stopped_too = false);
+// Advertising data as a request gives them, checked against the size the
+// interface allows: malformed_request for the wrong shape,
+// advertiser_data_limit_exceeded beyond the limit.
+std::variant<adv_data::advertising_data, ctrl_error> read_adv_data(nlohmann::json const& value,
+                                                                   context const& ctx);
 // An unsigned 16-bit number under the key, if the object has one.
 std::optional<unsigned short> read_u16(nlohmann::json const& object, char const* key);
 

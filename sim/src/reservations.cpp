@@ -152,7 +152,7 @@ outcome reservation_recreate(std::optional<json> const& body, context const& ctx
     }
     auto const& interface = ctx.handshake.bound_interface;
     auto const old_id = std::get<model::reservation const*>(old)->id;
-    if (ctx.resources.user_of(interface, old_id)) {
+    if (ctx.resources.in_use(interface, old_id)) {
         return ctrl_error::busy_resource;
     }
     auto const id = ctx.resources.replace(interface, old_id, std::get<model::reservation>(claim));
@@ -175,7 +175,7 @@ outcome reservation_destroy(std::optional<json> const& body, context const& ctx)
     }
     auto const& interface = ctx.handshake.bound_interface;
     auto const id = std::get<model::reservation const*>(found)->id;
-    if (ctx.resources.user_of(interface, id)) {
+    if (ctx.resources.in_use(interface, id)) {
         return ctrl_error::busy_resource;
     }
     ctx.resources.release(interface, id);

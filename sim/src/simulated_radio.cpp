@@ -7,12 +7,20 @@ simulated_radio::simulated_radio(config const& settings)
       default_name(settings.default_interface),
       reachable(settings.peers) {
     settings.check();
+    for (auto const& described : settings.centrals) {
+        centrals.push_back({described, false, nullptr});
+    }
 }
 
 simulated_radio::~simulated_radio() {
     for (auto& [key, entry] : links) {
         if (entry.accept) {
             entry.accept->stop();
+        }
+    }
+    for (auto& waiting : centrals) {
+        if (waiting.timer) {
+            waiting.timer->stop();
         }
     }
 }
@@ -51,6 +59,9 @@ bool simulated_radio::set_status(std::string const& name, bt_ctrl::state status)
         }
         if (entry.status != status) {
             entry.status = status;
+            if (status != bt_ctrl::state::enabled) {
+                end_interface_sets(name);
+            }
             status_changed(name, status);
         }
         return true;

@@ -136,7 +136,9 @@ private:
     // `handler` wrapped with the client's exception containment, or, once
     // the client is gone, with exceptions dropped.
     template <typename F>
-    F wrap(F const& handler, std::string const& words) const;
+    F wrap(F const& handler, std::string const& words) const {
+        return bt_ctrl::contain(ctrl, ctrl_tracker, handler, words);
+    }
     void post(std::function<void()> const& call) const;
 
     // One request about the set: `request` with "advHandle" added to `body`,
@@ -180,18 +182,5 @@ private:
     mutable misc::signal<void, adv_data const&, std::optional<adv_data> const&> data_signal;
     mutable misc::signal<void, state> state_signal;
 };
-
-template <typename F>
-F bt_ctrl::advertiser::wrap(F const& handler, std::string const& words) const {
-    if (!ctrl_tracker.expired()) {
-        return ctrl.make_exception_wrapper(handler, words);
-    }
-    return [handler](auto&&... args) {
-        try {
-            handler(std::forward<decltype(args)>(args)...);
-        } catch (...) {
-        }
-    };
-}
 
 }  // namespace zelvo::tavrin::impl

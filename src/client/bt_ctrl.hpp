@@ -154,6 +154,13 @@ public:
     // The result stays safe to call after the client is gone.
     template <typename F>
     F make_exception_wrapper(F const& handler, std::string const& text) const;
+    // For the objects that may outlive the client: make_exception_wrapper of
+    // `owner` while `owner_tracker` lives; once the client is gone, the
+    // handler's exceptions are dropped, as the client would have dropped them
+    // without an exception handler.
+    template <typename F>
+    static F contain(bt_ctrl const& owner, std::weak_ptr<void> const& owner_tracker,
+                     F const& handler, std::string const& text);
 
     // The one mapping of bus results to error codes.
     static std::error_code to_error_code(quorl_utils::error const& error);
@@ -384,6 +391,20 @@ F bt_ctrl::make_exception_wrapper(F const& handler, std::string const& text) con
             std::rethrow_exception(failure);
         } catch (...) {
             report(text);
+        }
+    };
+}
+
+template <typename F>
+F bt_ctrl::contain(bt_ctrl const& owner, std::weak_ptr<void> const& owner_tracker, F const& handler,
+                   std::string const& text) {
+    if (!owner_tracker.expired()) {
+        return owner.make_exception_wrapper(handler, text);
+    }
+    return [handler](auto&&... args) {
+        try {
+            handler(std::forward<decltype(args)>(args)...);
+        } catch (...) {
         }
     };
 }

@@ -155,7 +155,9 @@ private:
     // the client is gone, with exceptions dropped as the client would have
     // dropped them without an exception handler.
     template <typename F>
-    F wrap(F const& handler, std::string const& words) const;
+    F wrap(F const& handler, std::string const& words) const {
+        return bt_ctrl::contain(ctrl, ctrl_tracker, handler, words);
+    }
     // Posts `call` on the event loop.
     void post(std::function<void()> const& call) const;
 
@@ -202,18 +204,5 @@ private:
     std::unique_ptr<gatts> gatts_object;
     std::shared_ptr<char> tracker;
 };
-
-template <typename F>
-F bt_ctrl::connection::wrap(F const& handler, std::string const& words) const {
-    if (!ctrl_tracker.expired()) {
-        return ctrl.make_exception_wrapper(handler, words);
-    }
-    return [handler](auto&&... args) {
-        try {
-            handler(std::forward<decltype(args)>(args)...);
-        } catch (...) {
-        }
-    };
-}
 
 }  // namespace zelvo::tavrin::impl

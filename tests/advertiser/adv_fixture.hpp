@@ -15,6 +15,7 @@
 #include <system_error>
 
 #include "../connection/conn_fixture.hpp"
+#include "../connection/sim_fixture.hpp"
 #include "tavrin/bt_ctrl/advertiser.hpp"
 
 namespace zelvo::tavrin::testing {
@@ -25,8 +26,18 @@ using const_adv = std::shared_ptr<bt_ctrl::advertiser const>;
 using adv_data = bt_ctrl::advertiser::adv_data;
 using std::chrono::seconds;
 
-class AdvTest : public ConnTest {
+// Advertiser helpers over either controller: the scripted one (AdvTest) or
+// the simulator (AdvSimTest).
+template <typename Base>
+class AdvHelpers : public Base {
 public:
+    using Base::client;
+    using Base::heard;
+    using Base::links;
+    using Base::loop;
+    using Base::note;
+    using Base::result;
+
     // What a start asks for; a test changes the fields it is about.
     struct settings {
         bt_ctrl::address addr;
@@ -69,7 +80,7 @@ public:
                       json const& more = json::object()) {
         json body{{"advHandle", handle}, {"status", status}, {"advGuaranteedTime", seconds}};
         body.update(more);
-        reply("advStart", body);
+        this->reply("advStart", body);
         loop->run();
     }
 
@@ -82,8 +93,8 @@ public:
         start_adv(*adv, {}, name + " start");
         loop->run();
         answer_start(handle, "starting", 10);
-        event("advStarted", {{"advHandle", handle}});
-        mark = got.size();
+        this->event("advStarted", {{"advHandle", handle}});
+        this->mark = this->got.size();
         return adv;
     }
 
@@ -97,5 +108,8 @@ public:
 
     std::vector<const_adv> new_advs;
 };
+
+using AdvTest = AdvHelpers<ConnTest>;
+using AdvSimTest = AdvHelpers<SimFlowTest>;
 
 }  // namespace zelvo::tavrin::testing

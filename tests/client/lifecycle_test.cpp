@@ -340,7 +340,7 @@ TEST_F(ClientTest, ResetBindsTheInterfaceBoundBefore) {
     }
 }
 
-TEST_F(ClientTest, OperationsNotAvailableYetThrowNotImplemented) {
+TEST_F(ClientTest, ScanningThrowsNotImplemented) {
     make_client();
     auto const ignore = [](auto const&...) {};
     bt_ctrl& c = *client;
@@ -349,10 +349,6 @@ TEST_F(ClientTest, OperationsNotAvailableYetThrowNotImplemented) {
     EXPECT_THAT([&] { c.stop_scan(ignore); }, refused);
     EXPECT_THAT([&] { c.notify_on_scan_result(ignore); }, refused);
     EXPECT_THAT([&] { c.notify_on_scan_stopped([] {}); }, refused);
-    EXPECT_THAT([&] { c.create_advertiser(); }, refused);
-    EXPECT_THAT([&] { c.get_advertiser_queue(ignore); }, refused);
-    EXPECT_THAT([&] { c.notify_on_advertiser_queue_changed(ignore); }, refused);
-    EXPECT_THAT([&] { c.notify_on_new_advertiser(ignore); }, refused);
     EXPECT_EQ(client->get_state(), state::disabled);
     EXPECT_TRUE(lines.empty());
 }

@@ -4,7 +4,8 @@
 // text, "app N" for a controller code, "exchange N" for a fault of the
 // exchange, "not json" for a reply tagged JSON that does not parse. Events
 // are text too: "ifStatusChanged" bodies in `events`, the others as
-// "name body" in `heard`.
+// "name body" in `heard`. `arrivals` has every reply and event in the order
+// they came: "reply OUTCOME" or the event's name.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -54,7 +55,8 @@ public:
         });
         for (char const* name :
              {"freeResvsChanged", "advsChanged", "connsChanged", "connMtu", "connPhy", "connParams",
-              "connPending", "connOpening", "connOpened", "connClosing", "connClosed"}) {
+              "connPending", "connOpening", "connOpened", "connClosing", "connClosed", "advPending",
+              "advStarting", "advStarted", "advStopping", "advStopped", "advDataChanged"}) {
             bus.set_event_handler(name, [this, name](auto const& event) {
                 std::string body;
                 try {
@@ -63,6 +65,7 @@ public:
                     body = "not json";
                 }
                 heard.push_back(std::string(name) + " " + body);
+                arrivals.push_back(name);
             });
         }
         link->connect(utils::ip_address("127.0.0.1"), port);
@@ -77,8 +80,12 @@ public:
     void send_payload(std::string const& name, quorl_utils::payload const& body,
                       std::chrono::seconds timeout = 0s) {
         sent.push_back(bus.send(
-            {name, body}, [this](auto const& reply) { replies.push_back(outcome(*reply)); }, true,
-            timeout));
+            {name, body},
+            [this](auto const& reply) {
+                replies.push_back(outcome(*reply));
+                arrivals.push_back("reply " + replies.back());
+            },
+            true, timeout));
     }
     // Sends, runs the loop dry and returns the outcome.
     std::string ask(std::string const& name, json const& body = json::object()) {
@@ -113,7 +120,7 @@ public:
     std::shared_ptr<utils::tcp_connection> link = loop->create_tcp_connection();
     std::vector<quorl_utils::link> sent;
     quorl bus{loop, [this](std::vector<unsigned char> const& bytes) { return link->send(bytes); }};
-    strings replies, events, heard;
+    strings replies, events, heard, arrivals;
     bool closed = false;
 };
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tavrin/bt_ctrl/interface.hpp"
+#include "tavrin/sim/central.hpp"
 #include "tavrin/sim/interface_description.hpp"
 #include "tavrin/sim/peer.hpp"
 #include "tavrin/sim/slots.hpp"
@@ -42,6 +43,8 @@ struct config {
     std::vector<interface> interfaces;
     // Virtual peripherals within reach of every interface.
     std::vector<peer> peers;
+    // Virtual centrals within reach of every interface.
+    std::vector<central> centrals;
 
     // Everything on: every flag, the three PHYs, both address types, an MTU
     // of 517 and value lengths of 512. Missing caps keys in a JSON config
@@ -63,6 +66,7 @@ struct config {
     // non-empty and unique, every address is a valid public or random one,
     // no interface has more than slots::max_per_type slots of a type, peers
     // have valid and distinct addresses and number at most peer::max_peers,
+    // centrals have valid addresses and number at most central::max_centrals,
     // default_interface names one of them, and the handshake's reply fits in
     // max_message.
     void check() const;

@@ -24,7 +24,8 @@
 // a client that has not begun its handshake, or that stays in the middle of a
 // frame, by the timeouts of `limits`; the request log by its own bound, and
 // only when a test asks for it; reservations and connections by the
-// interface's slots and limits::max_queue. Each dropped client gets a log
+// interface's slots and limits::max_queue, advertising data by their
+// limits on air. Each dropped client gets a log
 // line that says why.
 #pragma once
 
@@ -64,8 +65,9 @@ public:
         // Requests held unanswered (stop_answering) or behind a delayed reply
         // (delay_replies) for one session; one more drops the session.
         std::size_t max_waiting_replies = 4096;
-        // Connections that wait for a slot, per interface; one more is
-        // refused with insufficient_resources. Applies from the next request.
+        // Connections that wait for a slot, per interface, and advertisers
+        // likewise; one more is refused with insufficient_resources. Applies
+        // from the next request.
         std::size_t max_queue = 8;
     };
 

@@ -1,9 +1,10 @@
 // sim::radio: the seam between the controller's protocol layer and the radio
 // it serves. It is everything the protocol asks of the radio and nothing of
 // sessions, reservations or of the bus: which interfaces exist and what they
-// can do, their status, address and slots, a report of status changes, and
-// links: the radio connections the controller opens to peers, their
-// properties, and a report of what happens to them.
+// can do, their status, address and slots, a report of status changes;
+// links: the radio connections the controller opens to peers, or that a
+// central opens through a connectable advertising set, their properties, and
+// a report of what happens to them; and advertising sets on air.
 //
 // simulated_radio implements it from a config; a backend on real hardware
 // implements the same class. Calls come from the event loop's thread only.
@@ -50,6 +51,27 @@ public:
         bt_ctrl::signal signal;
         bool latency = false;
     };
+
+    // One advertising set as it goes on air. `data` and `scan_response` are
+    // AD structures as the air carries them (length, type, payload). A
+    // connectable set names the link a central that connects through it
+    // gets; the set then ends.
+    struct advertising {
+        bt_ctrl::address address;
+        bool connectable = false;
+        std::optional<unsigned short> link;
+        bt_ctrl::phy phy = bt_ctrl::phy::m1;
+        unsigned short interval = 100;
+        signed char tx_power = 0;
+        std::vector<unsigned char> data;
+        std::vector<unsigned char> scan_response;
+    };
+    // What happened to a set: it is on air, it ended (by stop_advertising
+    // or with its interface), or a central connected through it (its link
+    // reports `opening` and `opened` before this).
+    enum class advertising_event { started, stopped, connected };
+    using advertising_observer = std::function<void(std::string const& interface,
+                                                    unsigned short set, advertising_event what)>;
 
     radio() = default;
     radio(radio const&) = delete;
@@ -99,6 +121,15 @@ public:
     virtual bool set_latency(std::string const& interface, unsigned short link, bool enabled) = 0;
     // Calls the observer on every link event until the link is released.
     virtual utils::link on_link_change(link_observer const& observer) = 0;
+
+    // Puts a set on air, on an id the caller chose, unique on the interface;
+    // `started` is reported. A second call for a set on air replaces what it
+    // sends, with no report.
+    virtual void start_advertising(std::string const& interface, unsigned short set,
+                                   advertising const& what) = 0;
+    // Takes it off air; `stopped` is reported. Nothing for an unknown set.
+    virtual void stop_advertising(std::string const& interface, unsigned short set) = 0;
+    virtual utils::link on_advertising_change(advertising_observer const& observer) = 0;
 };
 
 }  // namespace zelvo::tavrin::sim

@@ -8,6 +8,11 @@
 // The peer actions stand for what a peer does on its own: each applies to
 // every link open to it, is reported on the next turn of the loop, and is
 // false when no peer has the address.
+//
+// Advertising sets go on air at once and report `started` on the next turn.
+// Centrals connect through connectable sets: asked to with central_connect,
+// or, for the config's centrals that have a delay, on their own, each once,
+// that long after a connectable set went on air.
 #pragma once
 
 #include <functional>
@@ -19,6 +24,7 @@
 #include <vector>
 
 #include "tavrin/misc/signal.hpp"
+#include "tavrin/sim/central.hpp"
 #include "tavrin/sim/config.hpp"
 #include "tavrin/sim/peer.hpp"
 #include "tavrin/sim/radio.hpp"
@@ -52,6 +58,27 @@ public:
     bool set_latency(std::string const& interface, unsigned short link, bool enabled) override;
     utils::link on_link_change(link_observer const& observer) override;
 
+    void start_advertising(std::string const& interface, unsigned short set,
+                           advertising const& what) override;
+    void stop_advertising(std::string const& interface, unsigned short set) override;
+    utils::link on_advertising_change(advertising_observer const& observer) override;
+
+    // Centrals. The set is the controller's advertiser handle. A central
+    // that connects ends the set and opens its link to the central: the
+    // link reports `opening` and `opened`, then the set `connected`, on the
+    // next turns of the loop. Refused for a set that is not on air or not
+    // connectable.
+    central_result central_connect(std::string const& interface, unsigned short set,
+                                   sim::central const& who);
+    // What a central's scan finds of the set; empty when none of that handle
+    // is on air on the interface.
+    std::optional<scan_report> central_scan(std::string const& interface, unsigned short set) const;
+    // The sets on air, by interface and handle.
+    std::vector<std::pair<std::string, unsigned short>> advertising_sets() const;
+    // A central with a delay waits for a connectable set from now on; false
+    // beyond central::max_centrals.
+    bool add_central(sim::central const& description);
+
     // Peers. add_peer replaces one of the same address, and starts the links
     // that wait for it; false beyond peer::max_peers. remove_peer takes it out
     // of reach: its open links close, its others wait again.
@@ -59,7 +86,7 @@ public:
     bool remove_peer(bt_ctrl::address const& address);
     std::vector<sim::peer> peers() const;
 
-    // Peer actions.
+    // Peer actions. peer_disconnect takes a central's address too.
     bool peer_disconnect(bt_ctrl::address const& address);
     bool peer_set_mtu(bt_ctrl::address const& address, unsigned short mtu);
     bool peer_set_phy(bt_ctrl::address const& address, bt_ctrl::phy phy);
@@ -88,6 +115,18 @@ private:
     bool for_open_links(bt_ctrl::address const& address, link_event what,
                         std::function<void(link_key const&, link_entry&)> const& change);
 
+    using set_key = std::pair<std::string, unsigned short>;
+    struct waiting_central {
+        sim::central description;
+        bool done = false;
+        std::shared_ptr<utils::timer> timer;
+    };
+    void report_set(set_key const& key, advertising_event what);
+    // Arms the waiting centrals, once a connectable set is on air.
+    void arm_centrals();
+    void central_due(std::size_t index);
+    void end_interface_sets(std::string const& interface);
+
     std::vector<config::interface> entries;
     std::string default_name;
     misc::signal<void, std::string const&, bt_ctrl::state> status_changed;
@@ -96,6 +135,9 @@ private:
     std::map<link_key, link_entry> links;
     std::shared_ptr<utils::event_loop> loop;
     misc::signal<void, std::string const&, unsigned short, link_event> link_changed;
+    std::map<set_key, advertising> on_air;
+    misc::signal<void, std::string const&, unsigned short, advertising_event> set_changed;
+    std::vector<waiting_central> centrals;
     // Reports and timers hold it weakly: they do nothing once the radio is
     // gone.
     std::shared_ptr<int> alive = std::make_shared<int>(0);

@@ -1,0 +1,191 @@
+// Advertisers end to end: the library against the simulator on the
+// virtual-time loop, with its virtual centrals. Nothing is scripted.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "adv_fixture.hpp"
+
+namespace zelvo::tavrin::testing {
+namespace {
+
+sim::central const central{bt_ctrl::address(bt_ctrl::addr_type::public_address,
+                                            utils::mac_address("02:54:56:00:02:01"))};
+
+// The first set on air at the simulator.
+unsigned short on_air(sim::simulated_radio& radio) {
+    auto const sets = radio.advertising_sets();
+    EXPECT_FALSE(sets.empty());
+    return sets.empty() ? 0 : sets.front().second;
+}
+
+TEST_F(AdvSimTest, ASetStartsAnswersForItselfAndStops) {
+    up();
+    std::vector<const_adv> theirs;
+    auto other = create_bt_ctrl(loop, std::nullopt, host, port);
+    other->enable([](context_ptr const& context, std::error_code const&) {
+        if (context) {
+            context->finish("", [](std::string const&, std::error_code const&) {});
+        }
+    });
+    links.push_back(
+        other->notify_on_new_advertiser([&theirs](const_adv const& adv) { theirs.push_back(adv); }));
+    loop->run();
+
+    auto const adv = client->create_advertiser();
+    watch_adv(adv, "adv");
+    settings s;
+    s.channels = {37, 39};
+    s.tx_power = -8;
+    s.interval = 200;
+    s.phy = bt_ctrl::phy::m1;
+    s.data = {{0x09, {'t', 'v'}}, {0x01, {0x06}}};
+    s.scan_data = adv_data{{0xFF, {1, 2}}, {0xFF, {3}}};
+    start_adv(*adv, s, "start");
+    loop->run();
+    EXPECT_EQ(adv->get_state(), adv_state::started);
+    ASSERT_EQ(theirs.size(), 1u);
+    EXPECT_EQ(theirs[0]->get_state(), adv_state::started);
+
+    // Each getter gives what the start asked for, the data with its order.
+    adv->get_interval([this](unsigned short value, std::error_code const& ec) {
+        note(heard, "interval " + std::to_string(value) + " " + result(ec));
+    });
+    adv->get_tx_power([this](signed char value, std::error_code const& ec) {
+        note(heard, "power " + std::to_string(value) + " " + result(ec));
+    });
+    adv->get_channel_map([this](std::set<unsigned char> const& value, std::error_code const& ec) {
+        note(heard, "channels " + std::to_string(value.size()) + " " + result(ec));
+    });
+    adv->get_phy([this](bt_ctrl::phy value, std::error_code const& ec) {
+        note(heard, "phy " + bt_ctrl::to_string(value) + " " + result(ec));
+    });
+    adv->get_data([this, s](adv_data const& data, std::optional<adv_data> const& scan,
+                            std::error_code const& ec) {
+        note(heard, std::string("data ") + (data == s.data && scan == s.scan_data ? "same" : "other") +
+                        " " + result(ec));
+    });
+    loop->run();
+    EXPECT_THAT(heard, ::testing::IsSupersetOf({"interval 200 ok", "power -8 ok", "channels 2 ok",
+                                                "phy 1m ok", "data same ok"}));
+
+    // New data reaches both clients' objects.
+    int told = 0;
+    links.push_back(theirs[0]->notify_on_data_change(
+        [&told](adv_data const& data, std::optional<adv_data> const&) {
+            told += data.count(0x09) == 1 ? 1 : 0;
+        }));
+    adv->set_data({{0x09, {'x'}}}, std::nullopt, on_done("set data"));
+    loop->run();
+    EXPECT_EQ(told, 1);
+
+    heard.clear();
+    adv->stop(on_done("stop"));
+    loop->run();
+    EXPECT_EQ(heard, (strings{"adv stopping", "stop: ok", "adv stopped"}));
+    EXPECT_EQ(adv->get_stop_reason(), bt_ctrl::advertiser::stop_reason::user_requested);
+    EXPECT_EQ(theirs[0]->get_state(), adv_state::stopped);
+}
+
+// Data a legacy set can't carry is the controller's refusal, not the
+// library's.
+TEST_F(AdvSimTest, OversizedDataIsRefusedByTheController) {
+    auto settings = sim::config::builtin();
+    settings.interfaces[0].caps.extAdv = false;
+    up(settings);
+    auto const adv = client->create_advertiser();
+    AdvSimTest::settings s;
+    s.data = {{0x09, std::vector<unsigned char>(30, 'n')}};
+    start_adv(*adv, s, "start");
+    loop->run();
+    EXPECT_EQ(heard.back(), "start: 0s 0s " + result(error::advertiser::limit_exceeded));
+    EXPECT_EQ(adv->get_state(), adv_state::stopped);
+}
+
+// listen: a central connects through the set, the advertiser stops for it,
+// and the connection opens as incoming with the central as its peer.
+TEST_F(AdvSimTest, ACentralOpensTheListeningConnection) {
+    up();
+    auto const adv = client->create_advertiser();
+    auto const conn = client->create_connection();
+    watch_adv(adv, "adv");
+    watch(conn, "conn");
+    conn->listen(nullptr, *adv, {}, bt_ctrl::phy::unknown, {}, std::nullopt, 160, {{1, {6}}},
+                 std::nullopt, nullptr,
+                 [this](seconds const&, seconds const&, std::error_code const& ec) {
+                     note(heard, "listen: " + result(ec));
+                 });
+    loop->run();
+    EXPECT_EQ(adv->get_state(), adv_state::started);
+    auto const scan = radio().central_scan("hci0", on_air(radio()));
+    ASSERT_TRUE(scan);
+    EXPECT_TRUE(scan->connectable);
+    EXPECT_EQ(radio().central_connect("hci0", on_air(radio()), central),
+              sim::central_result::connected);
+    loop->advance(1s);
+    EXPECT_EQ(conn->get_state(), conn_state::opened);
+    EXPECT_EQ(conn->get_direction(), bt_ctrl::connection::direction::incoming);
+    EXPECT_EQ(adv->get_state(), adv_state::stopped);
+    EXPECT_EQ(adv->get_stop_reason(), bt_ctrl::advertiser::stop_reason::connection_opened);
+    conn->get_address([this](bt_ctrl::address const& peer, std::error_code const& ec) {
+        note(heard, "peer " + peer.to_string() + " " + result(ec));
+    });
+    loop->run();
+    EXPECT_EQ(heard.back(), "peer 02:54:56:00:02:01-public ok");
+
+    // Closing a connection that waits behind its advertiser stops the set.
+    auto const waiting = client->create_connection();
+    waiting->listen(nullptr, *adv, {}, bt_ctrl::phy::unknown, {}, std::nullopt, 160, {},
+                    std::nullopt, nullptr, [](seconds const&, seconds const&, std::error_code const&) {});
+    loop->run();
+    EXPECT_EQ(adv->get_state(), adv_state::started);
+    waiting->close(on_done("close"));
+    loop->run();
+    EXPECT_EQ(adv->get_state(), adv_state::stopped);
+    EXPECT_EQ(waiting->get_state(), conn_state::closed);
+    EXPECT_TRUE(radio().advertising_sets().empty());
+
+    // A plain set takes no central.
+    start_adv(*adv, {}, "plain");
+    loop->run();
+    EXPECT_EQ(radio().central_connect("hci0", on_air(radio()), central),
+              sim::central_result::not_connectable);
+}
+
+// The controller goes away with sets running: the application's objects end
+// stopped with interface_unavailable. A dropped link leaves the sets at the
+// controller, and the resync brings them back as the library's objects.
+TEST_F(AdvSimTest, ALostLinkStopsTheObjectsAndTheResyncFindsTheSets) {
+    up();
+    collect_new_advs();
+    auto const adv = client->create_advertiser();
+    start_adv(*adv, {}, "start");
+    loop->run();
+    ASSERT_EQ(adv->get_state(), adv_state::started);
+    ctl->drop_clients();
+    loop->run();
+    EXPECT_EQ(adv->get_state(), adv_state::stopped);
+    EXPECT_EQ(adv->get_stop_reason(), bt_ctrl::advertiser::stop_reason::interface_unavailable);
+    loop->advance(3s);
+    ASSERT_EQ(client->get_state(), state::enabled);
+    EXPECT_TRUE(new_advs.empty());
+    bt_ctrl::advertiser_queue queue;
+    client->get_advertiser_queue(
+        [&queue](bt_ctrl::advertiser_queue const& found, std::error_code const&) { queue = found; });
+    loop->run();
+    ASSERT_EQ(queue.size(), 1u);
+    EXPECT_EQ(queue.begin()->first->get_state(), adv_state::started);
+    EXPECT_NE(queue.begin()->first, adv);
+
+    // The application's object starts again as a second set.
+    start_adv(*adv, {}, "again");
+    loop->run();
+    EXPECT_EQ(adv->get_state(), adv_state::started);
+    EXPECT_EQ(radio().advertising_sets().size(), 2u);
+}
+
+}  // namespace
+}  // namespace zelvo::tavrin::testing
