@@ -35,7 +35,8 @@ using json = nlohmann::json;
 using advertiser = tv::bt_ctrl::advertiser;
 
 constexpr unsigned short port = 7310;
-// Handles the simulator never gives out for its own sets.
+// Handles of sets that only the fed events speak of: nothing here starts
+// one at the simulator.
 constexpr unsigned short cycled_handle = 40;
 constexpr unsigned short steady_handle = 41;
 
