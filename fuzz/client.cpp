@@ -1,6 +1,6 @@
 // Mode 'c': an enabled client, with a client id, fed whatever a controller
-// might say about connections, reservations and the mirrors, while the
-// application works on its objects.
+// might say about connections, advertisers, reservations and the mirrors,
+// while the application works on its objects.
 //
 // A scripted controller answers the handshake and the interface status by
 // itself, and the first sync with well-formed replies; every other request
@@ -36,6 +36,7 @@
 #include <system_error>
 #include <vector>
 
+#include "client_advertisers.hpp"
 #include "modes.hpp"
 #include "quorl/server.hpp"
 #include "tavrin/adapters/test_loop.hpp"
@@ -70,16 +71,20 @@ void require(bool condition) {
 }
 
 // The wire names a record can pick: the requests the client sends in this
-// part of its life, then the events it subscribes to.
+// part of its life, then the events it subscribes to, then the advertisers'
+// requests and events.
 char const* const names[] = {
-    "ifAddrGet",      "freeResvsGet",     "resvsGet",       "advsGet",         "connsGet",
-    "connOpen",       "connClose",        "connStatusGet",  "connMtuGet",      "connDirectionGet",
-    "connResvSet",    "connAddressGet",   "connSignalGet",  "connPhySet",      "connPhyGet",
-    "connParamsSet",  "connParamsGet",    "connLatencySet", "connLatencyGet",  "resvCreate",
-    "resvRecreate",   "resvDestroy",      "connPending",    "connOpening",     "connOpened",
-    "connClosing",    "connClosed",       "connMtu",        "connPhy",         "connParams",
-    "connsChanged",   "freeResvsChanged", "advsChanged",    "ifStatusChanged", "advPending",
-    "gattsDbUpdated",
+    "ifAddrGet",      "freeResvsGet",     "resvsGet",       "advsGet",          "connsGet",
+    "connOpen",       "connClose",        "connStatusGet",  "connMtuGet",       "connDirectionGet",
+    "connResvSet",    "connAddressGet",   "connSignalGet",  "connPhySet",       "connPhyGet",
+    "connParamsSet",  "connParamsGet",    "connLatencySet", "connLatencyGet",   "resvCreate",
+    "resvRecreate",   "resvDestroy",      "connPending",    "connOpening",      "connOpened",
+    "connClosing",    "connClosed",       "connMtu",        "connPhy",          "connParams",
+    "connsChanged",   "freeResvsChanged", "advsChanged",    "ifStatusChanged",  "advPending",
+    "gattsDbUpdated", "advStart",         "advStop",        "advStatusGet",     "advResvSet",
+    "advDataSet",     "advDataGet",       "advAddressGet",  "advConnectionGet", "advIntervalGet",
+    "advTxPowerGet",  "advChannelMapGet", "advPhyGet",      "advStarting",      "advStarted",
+    "advStopping",    "advStopped",       "advDataChanged",
 };
 constexpr std::size_t name_count = sizeof(names) / sizeof(names[0]);
 
@@ -264,31 +269,43 @@ private:
 // What the application holds and does.
 class application {
 public:
-    explicit application(std::shared_ptr<bt_ctrl> client) : client(std::move(client)) {
+    explicit application(std::shared_ptr<bt_ctrl> client)
+        : client(client), advertisers(std::move(client)) {
         links.push_back(this->client->notify_on_new_connection([this](const_conn const& conn) {
             announced[announced_count++ % max_connections] = conn;
         }));
     }
 
+    // Operations 0 to 15 work on connections and reservations, the next ones
+    // on advertisers.
     void call(unsigned operation, unsigned argument) {
         auto& slot = conns[argument % max_connections];
+        if (!slot) {
+            slot = client->create_connection();
+            links.push_back(slot->notify_on_state_change([](bt_ctrl::connection::state) {}));
+        }
+        operation %= 16 + fuzzing::client_advertisers::operation_count;
+        if (operation >= 16) {
+            // Each reservation is the client's first or none, from bits of
+            // their own, so that a start may listen with none.
+            advertisers.call(operation - 16, argument, slot.get(),
+                             some_reservation((argument >> 4) & 1),
+                             some_reservation((argument >> 5) & 1));
+            return;
+        }
         bool const throws = (argument & 0x80) != 0;
         auto const done = [throws](std::error_code const&) {
             if (throws) {
                 throw std::runtime_error("from the application");
             }
         };
-        if (!slot) {
-            slot = client->create_connection();
-            links.push_back(slot->notify_on_state_change([](bt_ctrl::connection::state) {}));
-        }
         // The getters may read a connection that the controller announced.
         auto const& read = (argument & 0x40) != 0 && announced[argument % max_connections]
                                ? announced[argument % max_connections]
                                : const_conn(slot);
         auto const phy = static_cast<bt_ctrl::phy>((argument >> 2) & 3);
         auto const reservation = some_reservation(argument >> 4);
-        switch (operation % 16) {
+        switch (operation) {
             case 0:
                 keep(slot->connect(
                     peer(argument), phy, reservation,
@@ -370,6 +387,7 @@ public:
 
     void clear() {
         release();
+        advertisers.clear();
         for (auto& slot : conns) {
             slot.reset();
         }
@@ -405,6 +423,7 @@ private:
     }
 
     std::shared_ptr<bt_ctrl> client;
+    fuzzing::client_advertisers advertisers;
     conn_ptr conns[max_connections];
     const_conn announced[max_connections];
     std::size_t announced_count = 0;

@@ -59,11 +59,18 @@ NAMES = ["ifAddrGet", "freeResvsGet", "resvsGet", "advsGet", "connsGet", "connOp
          "connParamsGet", "connLatencySet", "connLatencyGet", "resvCreate", "resvRecreate",
          "resvDestroy", "connPending", "connOpening", "connOpened", "connClosing", "connClosed",
          "connMtu", "connPhy", "connParams", "connsChanged", "freeResvsChanged", "advsChanged",
-         "ifStatusChanged", "advPending", "gattsDbUpdated"]
+         "ifStatusChanged", "advPending", "gattsDbUpdated", "advStart", "advStop",
+         "advStatusGet", "advResvSet", "advDataSet", "advDataGet", "advAddressGet",
+         "advConnectionGet", "advIntervalGet", "advTxPowerGet", "advChannelMapGet", "advPhyGet",
+         "advStarting", "advStarted", "advStopping", "advStopped", "advDataChanged"]
 REPLY, FAIL, EVENT, CALL, ADVANCE = range(5)
 # Application calls, as client.cpp numbers them.
 CONNECT, CLOSE, ADDRESS_SIGNAL, PHY_LATENCY, PARAMS, SET_PHY_LATENCY, SET_PARAMS, SET_RESV, \
     ADD_RESV, REPLACE_RESV, REMOVE_RESV, QUEUE, READ, DROP, RELEASE, RESET = range(16)
+# The advertiser calls follow, as client_advertisers.cpp numbers them.
+ADV_START, ADV_STOP, ADV_SET_RESV, ADV_SET_DATA, ADV_DATA_ADDRESS, ADV_CONN_INTERVAL, \
+    ADV_POWER_CHANNELS_PHY, ADV_QUEUE, ADV_READ, ADV_DROP, ADV_DROP_ANNOUNCED, \
+    ADV_RELEASE = range(16, 28)
 
 
 def body(value):
@@ -94,6 +101,7 @@ def advance(seconds):
     return bytes([ADVANCE, seconds])
 
 
+AD_FLAGS = {"type": 1, "value": "06"}
 PARAMS_BODY = {"intervalMin": 6, "intervalMax": 12, "latency": 0, "timeout": 100}
 OPENED = {"connHandle": 5, "connPhy": "1m", "connMtu": 23, "connDirection": "outgoing"}
 
@@ -149,6 +157,68 @@ CLIENT_SEEDS = {
         event("connClosed", {"connHandle": 4, "reason": "resourceRotation"}),
         # The incoming connection's latency, which only such a one has.
         call(PHY_LATENCY, 0x40), reply("connLatencyGet", {"enableLatency": False}),
+    ],
+    # An advertiser's whole life: started (random address, 1M, channel 37,
+    # flags), its data changed by the controller, every property read, its
+    # data set, the queue read, stopped.
+    "c_advertiser": [
+        call(ADV_START, 0x0B),
+        reply("advStart", {"advHandle": 2, "status": "starting", "advGuaranteedTime": 30}),
+        event("advStarted", {"advHandle": 2}),
+        event("advDataChanged", {"advHandle": 2, "data": {"primary": [AD_FLAGS],
+                                                          "scanRsp": []}}),
+        call(ADV_DATA_ADDRESS, 0x01), reply("advDataGet", {"data": {"primary": [AD_FLAGS]}}),
+        reply("advAddressGet", {"addr": {"type": "random", "mac": "C2:BB:CC:DD:EE:03"}}),
+        call(ADV_CONN_INTERVAL, 0x01), reply("advConnectionGet", {}),
+        reply("advIntervalGet", {"interval": 88}),
+        call(ADV_POWER_CHANNELS_PHY, 0x01), reply("advTxPowerGet", {"txPower": -4}),
+        reply("advChannelMapGet", {"channelMap": ["ch37"]}), reply("advPhyGet", {"advPhy": "1m"}),
+        call(ADV_SET_DATA, 0x23), reply("advDataSet", {}),
+        call(ADV_QUEUE), reply("advsGet", {"maxAdvertisers": 2, "advertisers": {"2": {"piq": 0}}}),
+        call(ADV_READ, 0x01), call(ADV_STOP, 0x01), reply("advStop", {}),
+        event("advStopping", {"advHandle": 2}),
+        event("advStopped", {"advHandle": 2, "reason": "userRequested"}),
+    ],
+    # Listening through a connection: the start names the connection, and a
+    # peer connects; then a set someone else runs is announced, read and let
+    # go, and the application drops its own while it runs.
+    "c_listen": [
+        call(ADV_START, 0x49),
+        reply("advStart", {"advHandle": 3, "status": "started", "advGuaranteedTime": 10,
+                           "connHandle": 9, "connGuaranteedTime": 10}),
+        event("connOpened", {"connHandle": 9, "connPhy": "1m", "connMtu": 23,
+                             "connDirection": "incoming"}),
+        call(ADV_CONN_INTERVAL, 0x01), reply("advConnectionGet", {"connHandle": 9}),
+        event("advPending", {"advHandle": 4, "addr": {"type": "public",
+                                                      "mac": "AA:BB:CC:DD:EE:01"}}),
+        event("advsChanged", {"maxAdvertisers": 2, "advertisers": {"4": {"piq": 1}}}),
+        call(ADV_POWER_CHANNELS_PHY, 0x40), call(ADV_DROP_ANNOUNCED, 0x00),
+        event("advStopped", {"advHandle": 4, "reason": "resourceRotation"}),
+        call(ADV_START, 0x03), call(ADV_DROP, 0x03),
+        reply("advStart", {"advHandle": 5, "status": "pending", "advGuaranteedTime": 0}),
+        reply("advStop", {}), event("advStopped", {"advHandle": 5, "reason": "userRequested"}),
+        call(ADV_STOP, 0x01), reply("connClose", {}),
+    ],
+    # What a controller must not say about advertisers: numbers out of range,
+    # wrong types, unknown handles and states, bad hex, channels that are
+    # not numbers; refusals and a reply that never comes.
+    "c_adv_hostile": [
+        call(ADV_START, 0x8B), reply("advStart", {"advHandle": 70000, "status": "flying",
+                                                  "advGuaranteedTime": 1e30}),
+        call(ADV_START, 0x0B), reply("advStart", {"advHandle": 6, "status": "started",
+                                                  "advGuaranteedTime": 5}),
+        event("advDataChanged", {"advHandle": 6, "data": {"primary": [{"type": 1,
+                                                                       "value": "0G"}]}}),
+        event("advDataChanged", {"advHandle": 6, "data": {"primary": [{"type": 300}]}}),
+        event("advStarted", {"advHandle": "6"}), event("advStopped", {"advHandle": 6}),
+        event("advStarting", {"advHandle": 99, "addr": {"type": 1}}),
+        event("advsChanged", {"maxAdvertisers": -1, "advertisers": []}),
+        call(ADV_POWER_CHANNELS_PHY, 0x01), reply("advTxPowerGet", {"txPower": 1000}),
+        reply("advChannelMapGet", {"channelMap": ["chXY", "ch99999999999"]}),
+        fail("advPhyGet", 3),
+        call(ADV_SET_RESV, 0x31), fail("advResvSet", 200),
+        call(ADV_START, 0x00), call(ADV_RELEASE), advance(46),
+        event("advStopped", {"advHandle": 6, "reason": "somethingElse"}),
     ],
     # What a controller must not say: bodies of the wrong shape, numbers out
     # of range, refusals, and silence until the replies time out; objects
