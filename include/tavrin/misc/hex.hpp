@@ -2,6 +2,7 @@
 // exchanges binary values (advertising data, attribute values).
 #pragma once
 
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <iomanip>
@@ -59,9 +60,13 @@ Container from_hex_string(std::string const& text, std::string const& separator)
                 throw std::runtime_error("from_hex_string: Got non-hexadecimal value");
             }
         }
-        std::uint16_t value = 0;
-        std::istringstream in("0x" + part);
-        in >> std::hex >> value;
+        // Read as a 16-bit number (saturating, as a stream read would), of
+        // which the low byte is kept; an empty part is 0.
+        unsigned long value = 0;
+        for (unsigned char c : part) {
+            auto const digit = std::isdigit(c) ? c - '0' : std::tolower(c) - 'a' + 10;
+            value = std::min<unsigned long>(value * 16 + static_cast<unsigned long>(digit), 0xFFFF);
+        }
         *out++ = static_cast<typename Container::value_type>(value & 0xFF);
     }
     return result;
