@@ -25,10 +25,12 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "adv_data.hpp"
+#include "gatt_database.hpp"
 #include "tavrin/bt_ctrl/address.hpp"
 #include "tavrin/bt_ctrl/advertiser.hpp"
 #include "tavrin/bt_ctrl/connection.hpp"
@@ -222,8 +224,16 @@ public:
     bool set_advertiser_reservation(std::string const& interface, unsigned short handle,
                                     std::optional<unsigned short> reservation);
 
+    // The interface's GATT server database: it outlives the sessions, and
+    // is emptied when the interface leaves `enabled`.
+    gatt_database& database(std::string const& interface);
+    // "gattsDbUpdated" with the handles, to every session bound to the
+    // interface; nothing when there are none.
+    void database_changed(std::string const& interface, std::set<unsigned> const& handles);
+
     // The interface left `enabled`: every advertiser stops and every
-    // connection ends with interfaceUnavailable. Reservations stay.
+    // connection ends with interfaceUnavailable; the GATT server database
+    // is emptied. Reservations stay.
     void interface_down(std::string const& interface);
 
 private:
@@ -287,6 +297,7 @@ private:
     sim::radio& radio;
     event_sink sink;
     std::map<std::string, interface_state> interfaces;
+    std::map<std::string, gatt_database> databases;
     std::size_t max_queue = default_max_queue;
     unsigned long next_slot_order = 0;
     unsigned deferrals = 0;

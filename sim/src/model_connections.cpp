@@ -266,6 +266,7 @@ void model::interface_down(std::string const& interface) {
     deferral const batch(*this);
     auto const before = free(interface);
     auto& state = state_of(interface);
+    database(interface).clear();
     // Advertisers first, as a client ends them first.
     auto stopping = std::move(state.advertisers);
     state.advertisers.clear();

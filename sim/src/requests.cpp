@@ -98,6 +98,7 @@ handler_table const& table() {
         add_connection_property_requests(all);
         add_advertiser_requests(all);
         add_advertiser_property_requests(all);
+        add_gatt_requests(all);
         return all;
     }();
     return handlers;

@@ -56,7 +56,8 @@ public:
         for (char const* name :
              {"freeResvsChanged", "advsChanged", "connsChanged", "connMtu", "connPhy", "connParams",
               "connPending", "connOpening", "connOpened", "connClosing", "connClosed", "advPending",
-              "advStarting", "advStarted", "advStopping", "advStopped", "advDataChanged"}) {
+              "advStarting", "advStarted", "advStopping", "advStopped", "advDataChanged",
+              "gattsDbUpdated"}) {
             bus.set_event_handler(name, [this, name](auto const& event) {
                 std::string body;
                 try {
