@@ -3,8 +3,9 @@
 //
 // Its state is moved by the application's start and stop, by the replies to
 // them and by the controller's events. on_state_change() is the one gate: it
-// refuses the moves a race can produce ("started" while stopping, anything
-// but "stopped" after stopping has begun from "stopped").
+// refuses the moves a race can produce ("started" while stopping, "stopping"
+// from stopped, "starting" from anything but stopped or pending, "pending"
+// from anything but stopped).
 //
 // The state lives in a cell of its own (`state_cell`), and so do the handlers
 // of a stop that waits for the controller's handle (`stop_done`): the
