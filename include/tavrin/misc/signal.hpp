@@ -90,6 +90,8 @@ public:
         }
     }
 
+    bool empty() const { return slots.empty(); }
+
     template <typename Result = R, typename = std::enable_if_t<std::is_void_v<Result>>>
     void operator()(Args... args) {
         call_impl(args...);
