@@ -12,95 +12,85 @@ using permission = gatt::attribute_permission;
 
 class EditTest : public GattsTest {
 protected:
-    using edit_call = std::function<utils::link(bt_ctrl::gatts&, EditTest&)>;
-
-    auto created(std::string const& what) {
-        return [this, what](unsigned handle, std::error_code const& ec) {
-            note(heard, what + ": " + std::to_string(handle) + " " + result(ec));
-        };
+    void SetUp() override {
+        start_scripted();
+        heard.clear();
     }
-    auto done(std::string const& what) {
-        return [this, what](std::error_code const& ec) { note(heard, what + ": " + result(ec)); };
-    }
-
-    // The requests whose reply carries the new attribute's handle.
-    static bool creating(std::string const& request) {
-        return request == "gattsServiceAdd" || request == "gattsCharAdd" ||
-               request == "gattsDescAdd";
-    }
-
-    struct edit_case {
-        std::string request;
-        std::string body;
-        edit_call call;
+    // Handlers of creating and other edits, noting "op: [<handle> ]<result>".
+    std::function<void(unsigned, std::error_code const&)> const made = [this](unsigned h,
+                                                                              auto const& ec) {
+        note(heard, "op: " + std::to_string(h) + " " + result(ec));
+    };
+    std::function<void(std::error_code const&)> const done = [this](auto const& ec) {
+        note(heard, "op: " + result(ec));
     };
 
-    // Every operation, with the request and payload it must send.
-    std::vector<edit_case> all_edits() {
+    struct edit_case {
+        std::string request, body;
+        std::function<utils::link(bt_ctrl::gatts&, EditTest&)> call;
+        bool creating = false;
+    };
+    // Every operation, with the request and the payload it must send.
+    static std::vector<edit_case> edits() {
         static gatt::uuid const custom("12345678-9abc-def0-1234-56789abcdef0");
+        std::string const long_custom = R"("uuid":"12345678-9abc-def0-1234-56789abcdef0")";
         return {
             {"gattsServiceAdd", R"({"enabled":true,"uuid":"0000180f-0000-1000-8000-00805f9b34fb"})",
-             [](auto& g, auto& t) {
-                 return g.add_service(gatt::uuid("180f"), true, std::nullopt, t.created("op"));
-             }},
-            {"gattsServiceAdd",
-             R"({"enabled":false,"parentHandle":0,"uuid":"12345678-9abc-def0-1234-56789abcdef0"})",
-             [](auto& g, auto& t) { return g.add_service(custom, false, 0u, t.created("op")); }},
+             [](auto& g, auto& t) { return g.add_service({"180f"}, true, std::nullopt, t.made); },
+             true},
+            {"gattsServiceAdd", R"({"enabled":false,"parentHandle":0,)" + long_custom + "}",
+             [](auto& g, auto& t) { return g.add_service(custom, false, 0u, t.made); }, true},
             {"gattsServiceRemove", R"({"handle":7})",
-             [](auto& g, auto& t) { return g.del_service(7, t.done("op")); }},
+             [](auto& g, auto& t) { return g.del_service(7, t.done); }},
             {"gattsServiceReferenceAdd", R"({"handle":7,"parentHandle":3})",
-             [](auto& g, auto& t) { return g.add_service_reference(7, 3, t.done("op")); }},
+             [](auto& g, auto& t) { return g.add_service_reference(7, 3, t.done); }},
             {"gattsServiceReferenceRemove", R"({"handle":7,"parentHandle":3})",
-             [](auto& g, auto& t) { return g.del_service_reference(7, 3, t.done("op")); }},
+             [](auto& g, auto& t) { return g.del_service_reference(7, 3, t.done); }},
             {"gattsServiceEnable", R"({"handle":7})",
-             [](auto& g, auto& t) { return g.enable_service(7, true, t.done("op")); }},
+             [](auto& g, auto& t) { return g.enable_service(7, true, t.done); }},
             {"gattsServiceDisable", R"({"handle":7})",
-             [](auto& g, auto& t) { return g.enable_service(7, false, t.done("op")); }},
+             [](auto& g, auto& t) { return g.enable_service(7, false, t.done); }},
             {"gattsCharAdd",
              R"({"parentHandle":7,"permissions":["read","write"],"properties":["read","notify"],)"
              R"("uuid":"00002a19-0000-1000-8000-00805f9b34fb"})",
              [](auto& g, auto& t) {
-                 return g.add_characteristic(gatt::uuid("2a19"), {property::notify, property::read},
-                                             {permission::write, permission::read}, 7,
-                                             t.created("op"));
-             }},
+                 return g.add_characteristic({"2a19"}, {property::notify, property::read},
+                                             {permission::write, permission::read}, 7, t.made);
+             },
+             true},
             {"gattsCharAdd",
-             R"({"parentHandle":7,"permissions":[],"properties":[],"uuid":"12345678-9abc-def0-1234-56789abcdef0"})",
-             [](auto& g, auto& t) {
-                 return g.add_characteristic(custom, {}, {}, 7, t.created("op"));
-             }},
+             R"({"parentHandle":7,"permissions":[],"properties":[],)" + long_custom + "}",
+             [](auto& g, auto& t) { return g.add_characteristic(custom, {}, {}, 7, t.made); },
+             true},
             {"gattsCharRemove", R"({"handle":8})",
-             [](auto& g, auto& t) { return g.del_characteristic(8, t.done("op")); }},
+             [](auto& g, auto& t) { return g.del_characteristic(8, t.done); }},
             {"gattsDescAdd",
              R"({"parentHandle":8,"permissions":["read"],"uuid":"00002902-0000-1000-8000-00805f9b34fb"})",
              [](auto& g, auto& t) {
-                 return g.add_descriptor(gatt::uuid("2902"), {permission::read}, 8,
-                                         t.created("op"));
-             }},
+                 return g.add_descriptor({"2902"}, {permission::read}, 8, t.made);
+             },
+             true},
             {"gattsDescRemove", R"({"handle":9})",
-             [](auto& g, auto& t) { return g.del_descriptor(9, t.done("op")); }},
+             [](auto& g, auto& t) { return g.del_descriptor(9, t.done); }},
         };
     }
 };
 
 TEST_F(EditTest, EachEditSendsItsPayloadAndHandsOnTheAnswer) {
-    start_scripted();
-    for (auto const& c : all_edits()) {
-        SCOPED_TRACE(c.request + " " + c.body);
-        bool const creating = EditTest::creating(c.request);
+    for (auto const& c : edits()) {
+        SCOPED_TRACE(c.body);
         // Accepted, then refused by the controller.
         for (bool const accept : {true, false}) {
             answers[c.request] =
-                accept ? with(creating ? json{{"handle", 42}} : json::object()) : refused(39);
+                accept ? with(c.creating ? json{{"handle", 42}} : json::object()) : refused(39);
             heard.clear();
             mark = got.size();
             c.call(gatts(), *this);
             loop->run();
             EXPECT_THAT(sent(), ElementsAre(c.request + " " + c.body));
-            std::string const expected =
-                accept ? (creating ? "op: 42 ok" : "op: ok")
-                       : (creating ? "op: 0 gatt unknown reference" : "op: gatt unknown reference");
-            EXPECT_THAT(heard, ElementsAre(expected));
+            EXPECT_THAT(
+                heard, ElementsAre(std::string("op: ") + (c.creating ? accept ? "42 " : "0 " : "") +
+                                   (accept ? "ok" : "gatt unknown reference")));
         }
     }
     // Edits leave the mirror alone.
@@ -108,16 +98,13 @@ TEST_F(EditTest, EachEditSendsItsPayloadAndHandsOnTheAnswer) {
 }
 
 TEST_F(EditTest, RefusalsArePostedAndCancelledHandlersStaySilent) {
-    start_scripted();
-    heard.clear();
-    auto const ops = all_edits();
+    auto const ops = edits();
     // A cancelled handler: the edit still goes out, its answer is dropped.
     answers["gattsServiceRemove"] = with(json::object());
-    auto link = ops[2].call(gatts(), *this);
-    link.release();
+    answers["gattsServiceEnable"] = with(json::object());
+    ops[2].call(gatts(), *this).release();
     throw_at = "op";
     ops[5].call(gatts(), *this);
-    answers["gattsServiceEnable"] = with(json::object());
     loop->run();
     EXPECT_THAT(names(mark), ElementsAre("gattsServiceRemove", "gattsServiceEnable"));
     EXPECT_THAT(heard, ElementsAre("op: ok"));
@@ -128,14 +115,14 @@ TEST_F(EditTest, RefusalsArePostedAndCancelledHandlersStaySilent) {
     client->disable();
     loop->run();
     for (auto const& c : ops) {
-        SCOPED_TRACE(c.request);
+        SCOPED_TRACE(c.body);
         heard.clear();
         mark = got.size();
         c.call(gatts(), *this);
         EXPECT_THAT(heard, IsEmpty());
         loop->run();
-        EXPECT_THAT(heard, ElementsAre(creating(c.request) ? "op: 0 bt_ctrl inappropriate state"
-                                                           : "op: bt_ctrl inappropriate state"));
+        EXPECT_THAT(heard, ElementsAre(std::string("op: ") + (c.creating ? "0 " : "") +
+                                       "bt_ctrl inappropriate state"));
         EXPECT_EQ(got.size(), mark);
     }
 }

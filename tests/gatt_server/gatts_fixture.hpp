@@ -11,15 +11,14 @@
 
 #include <algorithm>
 #include <map>
-#include <memory>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include "../client/scripted_fixture.hpp"
 #include "tavrin/bt_ctrl/gatts.hpp"
-#include "tavrin/error.hpp"
 #include "tavrin/gatt/attribute_permission.hpp"
 #include "tavrin/gatt/characteristic.hpp"
 #include "tavrin/gatt/descriptor.hpp"
@@ -35,37 +34,35 @@ public:
         answers["ifAddrGet"] = with({{"addr", interface_address}});
         answers["advsGet"] = with({{"maxAdvertisers", 4}, {"advertisers", json::object()}});
         answers["connsGet"] = with({{"maxConnections", 4}, {"connections", json::object()}});
-        answers["gattsPrimaryServicesGet"] = [this](json const&, responder const& r) {
-            if (!holding) {
-                r.reply(quorl_utils::payload(primaries));
-            }
-        };
-        for (auto const* name : {"gattsServiceGet", "gattsCharGet", "gattsDescGet"}) {
-            answers[name] = [this](json const& body, responder const& r) {
+        for (auto const* name :
+             {"gattsPrimaryServicesGet", "gattsServiceGet", "gattsCharGet", "gattsDescGet"}) {
+            answers[name] = [this, name](json const& body, responder const& r) {
                 if (!holding) {
-                    answer_attribute(body, r);
+                    answer(name, body, r);
                 }
             };
         }
     }
 
-    // The attribute's entry in `db`, or the controller's unknown handle.
-    void answer_attribute(json const& body, responder const& r) {
-        auto const found = db.find(body.at("handle").get<unsigned>());
-        if (found == db.end()) {
-            r.fail(31);
-        } else {
+    // From `primaries` and `db`; a handle not in `db` is unknown (31).
+    void answer(std::string const& name, json const& body, responder const& r) {
+        if (name == "gattsPrimaryServicesGet") {
+            r.reply(quorl_utils::payload(primaries));
+        } else if (auto const found = db.find(body.at("handle").get<unsigned>());
+                   found != db.end()) {
             r.reply(quorl_utils::payload(found->second));
+        } else {
+            r.fail(31);
         }
     }
 
-    // Answers the held walk requests, newest first when `reversed`, until
-    // none is left; the loop runs after each answer.
+    // Answers the held walk requests since `mark`, newest first when
+    // `reversed`, until none is left; the loop runs after each answer.
     void release_held(bool reversed) {
         for (;;) {
             std::vector<std::size_t> open;
             for (auto i = mark; i < got.size(); ++i) {
-                if (got[i].reply && got[i].name.rfind("gatts", 0) == 0 && !answered[i]) {
+                if (got[i].name.rfind("gatts", 0) == 0 && answered.count(i) == 0) {
                     open.push_back(i);
                 }
             }
@@ -73,12 +70,8 @@ public:
                 return;
             }
             auto const i = reversed ? open.back() : open.front();
-            answered[i] = true;
-            if (got[i].name == "gattsPrimaryServicesGet") {
-                got[i].reply->reply(quorl_utils::payload(primaries));
-            } else {
-                answer_attribute(got[i].body, *got[i].reply);
-            }
+            answered.insert(i);
+            answer(got[i].name, got[i].body, *got[i].reply);
             loop->run();
         }
     }
@@ -88,7 +81,7 @@ public:
     // A sync whose result is noted as "<what>: <result>".
     utils::link sync(std::string const& what) {
         return gatts().sync(
-            [this, what](std::error_code const& ec) { note(heard, what + ": " + result(ec)); });
+            [this, what](auto const& ec) { note(heard, what + ": " + result(ec)); });
     }
     static std::string result(std::error_code const& ec) {
         return ec ? std::string(ec.category().name()) + " " + ec.message() : "ok";
@@ -101,24 +94,14 @@ public:
         });
     }
 
-    std::string tree() const { return children(gatts_const().get_profile().get_root()); }
-
-    static std::string texts(std::set<gatt::attribute_permission> const& permissions) {
-        std::string out;
-        for (auto const p : permissions) {
-            out += (out.empty() ? "" : ",") + gatt::to_string(p);
-        }
-        return out;
-    }
+    std::string tree() const { return children(client->get_gatts().get_profile().get_root()); }
 
     json primaries = json::array();
     std::map<unsigned, json> db;
-    std::map<std::size_t, bool> answered;
+    std::set<std::size_t> answered;
     bool holding = false;
 
 private:
-    bt_ctrl::gatts const& gatts_const() const { return std::as_const(*client).get_gatts(); }
-
     template <typename Node>
     static std::vector<Node const*> by_handle(std::set<Node const*> const& nodes) {
         std::vector<Node const*> sorted(nodes.begin(), nodes.end());
@@ -126,29 +109,37 @@ private:
                   [](auto a, auto b) { return a->get_handle() < b->get_handle(); });
         return sorted;
     }
+    template <typename Value, typename Text>
+    static std::string join(std::set<Value> const& values, Text text) {
+        std::string out;
+        for (auto const value : values) {
+            out += (out.empty() ? "" : ",") + text(value);
+        }
+        return out;
+    }
+    template <typename Node>
+    static std::string head(char kind, Node const* node) {
+        return kind + std::to_string(node->get_handle()) + "(" + node->get_uuid().to_string(false);
+    }
     static std::string braces(std::string const& inner) {
         return inner.empty() ? "" : "{" + inner + "}";
     }
     static std::string children(gatt::service const& s) {
+        auto const permission = [](auto p) { return gatt::to_string(p); };
         std::string out;
         for (auto const* child : by_handle(s.get_childs())) {
-            out += "S" + std::to_string(child->get_handle()) + "(" +
-                   child->get_uuid().to_string(false) + (child->is_enabled() ? "" : ",off") + ")" +
-                   braces(children(*child));
+            out +=
+                head('S', child) + (child->is_enabled() ? ")" : ",off)") + braces(children(*child));
         }
         for (auto const* c : by_handle(s.get_characteristics())) {
-            std::string properties;
-            for (auto const p : c->get_properties()) {
-                properties += (properties.empty() ? "" : ",") + gatt::characteristic::to_string(p);
-            }
             std::string descriptors;
             for (auto const* d : by_handle(c->get_descriptors())) {
-                descriptors += "D" + std::to_string(d->get_handle()) + "(" +
-                               d->get_uuid().to_string(false) + ";" + texts(d->get_permissions()) +
-                               ")";
+                descriptors += head('D', d) + ";" + join(d->get_permissions(), permission) + ")";
             }
-            out += "C" + std::to_string(c->get_handle()) + "(" + c->get_uuid().to_string(false) +
-                   ";" + properties + ";" + texts(c->get_permissions()) + ")" + braces(descriptors);
+            out += head('C', c) + ";" +
+                   join(c->get_properties(),
+                        [](auto p) { return gatt::characteristic::to_string(p); }) +
+                   ";" + join(c->get_permissions(), permission) + ")" + braces(descriptors);
         }
         return out;
     }
