@@ -90,6 +90,7 @@ public:
         }
     }
 
+    // No slot connected: a dispatch now would call nobody.
     bool empty() const { return slots.empty(); }
 
     template <typename Result = R, typename = std::enable_if_t<std::is_void_v<Result>>>
