@@ -102,6 +102,23 @@ TEST_F(SyncTest, AttributeGoneMidWalkIsLeftOutButTheListOfPrimariesMayNotFail) {
     }
 }
 
+TEST_F(SyncTest, PropertyTextWithoutAnEnumeratorStopsThatCharacteristicOnly) {
+    // Sorted, "writeNoResponse" comes last: "write" is kept, the descriptor
+    // is never asked for, and the walk itself succeeds.
+    db[31] = {{"uuid", "ffe1"},
+              {"permissions", {"write"}},
+              {"properties", {"writeNoResponse", "write"}},
+              {"includedDescriptors", {32}}};
+    db[32] = {{"uuid", "2902"}, {"permissions", {"read"}}};
+    mark = got.size();
+    sync("sync");
+    EXPECT_THROW(loop->run(), std::logic_error);
+    loop->run();
+    EXPECT_THAT(heard, ElementsAre("sync: ok"));
+    EXPECT_EQ(tree(), full_tree);
+    EXPECT_EQ(count("gattsDescGet", 32), 0);
+}
+
 TEST_F(SyncTest, CallersDuringAWalkShareOneFurtherWalk) {
     holding = true;
     mark = got.size();
