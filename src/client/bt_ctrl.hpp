@@ -187,6 +187,7 @@ private:
     friend class handshake_ctx;
     friend class connection;
     friend class advertiser;
+    friend class gatts;
 
     // Lifecycle.
     utils::link enable_impl(enable_handler const& handler);
@@ -238,6 +239,8 @@ private:
     bool sync_step_failed(response const& resp, sync_waiter_type& waiter);
     void iface_addr_get_resp_handler(response const& resp,
                                      std::shared_ptr<sync_waiter_type> const& waiter);
+    // "gattsDbUpdated": handed to the GATT server object while enabled.
+    void gatts_db_updated_event_handler(event const& ev);
     // Events whose objects have not arrived yet.
     void unserved_event_handler(event const& ev);
 

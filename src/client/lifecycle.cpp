@@ -127,12 +127,13 @@ void bt_ctrl::on_state_change(state new_state) {
         start_sync();
         return;
     }
-    // Every advertiser, then every connection, hears of the end before the
-    // application hears of the client's state, and the mirrors are empty by
-    // then.
+    // Every advertiser, then every connection, then the GATT server's callers
+    // hear of the end before the application hears of the client's state, and
+    // the mirrors are empty by then.
     current_state = new_state;
     on_advs_force_stopped(tavrin::bt_ctrl::advertiser::stop_reason::interface_unavailable);
     on_conns_force_stopped(tavrin::bt_ctrl::connection::close_reason::interface_unavailable);
+    gatts_object->abort(make_error_code(error::bt_ctrl::inappropriate_state));
     clear_sync();
     state_signal(new_state);
 }

@@ -10,12 +10,14 @@
 // what is there.
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 
 #include <nlohmann/json.hpp>
 
 #include "client/bt_ctrl.hpp"
+#include "gatt/server.hpp"
 #include "stravik/part_payload.hpp"
 #include "tavrin/misc/tie_handler.hpp"
 
@@ -62,7 +64,7 @@ void bt_ctrl::start_sync() {
         {"connOpened", conn_state_event(conn_state::opened)},
         {"connClosing", conn_state_event(conn_state::closing)},
         {"connClosed", conn_state_event(conn_state::closed)},
-        {"gattsDbUpdated", unserved},
+        {"gattsDbUpdated", &bt_ctrl::gatts_db_updated_event_handler},
         {"gattsCharValueRead", unserved},
         {"gattsCharValueWrite", unserved},
         {"gattsDescValueRead", unserved},
@@ -124,8 +126,19 @@ void bt_ctrl::iface_addr_get_resp_handler(response const& resp,
     address = to_address(body.at("addr").get<nlohmann::json::object_t>());
 }
 
-// The objects these events are about (the GATT server's) have not arrived: the events are
-// subscribed with the others, so that the set of subscriptions is complete, and dropped unread.
+// An update of the controller's database changes nothing here: the
+// application hears of it and decides when to sync.
+void bt_ctrl::gatts_db_updated_event_handler(event const& ev) {
+    if (current_state != state::enabled) {
+        return;
+    }
+    auto const body = stravik_part_payload::from_bytes<nlohmann::json>(ev->payload);
+    gatts_object->on_updated(body.at("handles").get<std::set<unsigned int>>());
+}
+
+// The objects these events are about (a connection's GATT server requests) have not arrived: the
+// events are subscribed with the others, so that the set of subscriptions is complete, and dropped
+// unread.
 void bt_ctrl::unserved_event_handler(event const&) {}
 
 void bt_ctrl::clear_sync() {

@@ -90,6 +90,9 @@ public:
         }
     }
 
+    // No slot connected: a dispatch now would call nobody.
+    bool empty() const { return slots.empty(); }
+
     template <typename Result = R, typename = std::enable_if_t<std::is_void_v<Result>>>
     void operator()(Args... args) {
         call_impl(args...);
