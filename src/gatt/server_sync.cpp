@@ -201,7 +201,7 @@ void bt_ctrl::gatts::on_characteristic(gatt::service& parent, unsigned int handl
 void bt_ctrl::gatts::sync_gatt_descriptor(gatt::characteristic& parent, unsigned int handle,
                                           std::shared_ptr<waiter> const& walk) {
     owner.send_request(
-        "gattsDescGet", {{"handle", handle}}, [this, &parent, handle, walk](response const& resp) {
+        "gattsDescGet", {{"handle", handle}}, [&parent, handle, walk](response const& resp) {
             if (attribute_step_stops(resp, *walk)) {
                 return;
             }
