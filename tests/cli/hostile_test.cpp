@@ -22,16 +22,17 @@ namespace {
 // come on top, so the bound there only tells a leak-like growth (a gigabyte
 // before the fix) from a bounded process.
 #if defined(__SANITIZE_ADDRESS__)
-constexpr long peak_memory_bound_kb = 512 * 1024;
+constexpr bool sanitized = true;
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer)
-constexpr long peak_memory_bound_kb = 512 * 1024;
+constexpr bool sanitized = true;
 #else
-constexpr long peak_memory_bound_kb = 64 * 1024;
+constexpr bool sanitized = false;
 #endif
 #else
-constexpr long peak_memory_bound_kb = 64 * 1024;
+constexpr bool sanitized = false;
 #endif
+constexpr long peak_memory_bound_kb = (sanitized ? 512 : 64) * 1024;
 
 using namespace std::chrono_literals;
 using asio::ip::tcp;
@@ -152,6 +153,13 @@ TEST_F(SimProcessTest, AClientThatNeverReadsIsDroppedAndMemoryStaysBounded) {
 // Out of file descriptors, the listener backs off instead of spinning, and
 // accepts again once descriptors are free.
 TEST_F(SimProcessTest, OutOfDescriptorsTheListenerWaitsInsteadOfSpinning) {
+    if (sanitized) {
+        // The undefined-behaviour sanitizer (built together with the address
+        // sanitizer) probes memory for its dynamic-type check through a pipe;
+        // in a process out of descriptors the probe fails and it reports a
+        // false "invalid vptr". The plain and clang builds run this test.
+        GTEST_SKIP() << "the sanitizers' own checks need file descriptors";
+    }
     sim_process sim(command, port, {}, 16);
     ASSERT_TRUE(sim.listening) << sim.output();
     std::vector<std::unique_ptr<tcp::socket>> crowd;
