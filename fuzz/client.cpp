@@ -1,13 +1,16 @@
 // Mode 'c': an enabled client, with a client id, fed whatever a controller
-// might say about connections, advertisers, reservations and the mirrors,
-// while the application works on its objects.
+// might say about connections, advertisers, reservations, the mirrors and
+// the GATT server (its database's walk, and peers' reads and writes), while
+// the application works on its objects.
 //
 // A scripted controller answers the handshake and the interface status by
 // itself, and the first sync with well-formed replies; every other request
 // waits, by name, oldest first. The input is a sequence of records, each a
 // kind byte and the bytes that kind reads:
 //   reply:   name, length, body   the oldest waiting request of that name
-//                                 gets the body, whatever its bytes
+//                                 gets the body, whatever its bytes; a
+//                                 length of 255 is followed by two bytes
+//                                 of the real one
 //   fail:    name, code           ... or the controller's error code
 //   event:   name, length, body   an event of that name with the body
 //   call:    operation, argument  the application calls into the client
@@ -37,6 +40,7 @@
 #include <vector>
 
 #include "client_advertisers.hpp"
+#include "client_gatt.hpp"
 #include "modes.hpp"
 #include "quorl/server.hpp"
 #include "tavrin/adapters/test_loop.hpp"
@@ -72,19 +76,85 @@ void require(bool condition) {
 
 // The wire names a record can pick: the requests the client sends in this
 // part of its life, then the events it subscribes to, then the advertisers'
-// requests and events.
+// requests and events, then the GATT server's.
 char const* const names[] = {
-    "ifAddrGet",      "freeResvsGet",     "resvsGet",       "advsGet",          "connsGet",
-    "connOpen",       "connClose",        "connStatusGet",  "connMtuGet",       "connDirectionGet",
-    "connResvSet",    "connAddressGet",   "connSignalGet",  "connPhySet",       "connPhyGet",
-    "connParamsSet",  "connParamsGet",    "connLatencySet", "connLatencyGet",   "resvCreate",
-    "resvRecreate",   "resvDestroy",      "connPending",    "connOpening",      "connOpened",
-    "connClosing",    "connClosed",       "connMtu",        "connPhy",          "connParams",
-    "connsChanged",   "freeResvsChanged", "advsChanged",    "ifStatusChanged",  "advPending",
-    "gattsDbUpdated", "advStart",         "advStop",        "advStatusGet",     "advResvSet",
-    "advDataSet",     "advDataGet",       "advAddressGet",  "advConnectionGet", "advIntervalGet",
-    "advTxPowerGet",  "advChannelMapGet", "advPhyGet",      "advStarting",      "advStarted",
-    "advStopping",    "advStopped",       "advDataChanged",
+    "ifAddrGet",
+    "freeResvsGet",
+    "resvsGet",
+    "advsGet",
+    "connsGet",
+    "connOpen",
+    "connClose",
+    "connStatusGet",
+    "connMtuGet",
+    "connDirectionGet",
+    "connResvSet",
+    "connAddressGet",
+    "connSignalGet",
+    "connPhySet",
+    "connPhyGet",
+    "connParamsSet",
+    "connParamsGet",
+    "connLatencySet",
+    "connLatencyGet",
+    "resvCreate",
+    "resvRecreate",
+    "resvDestroy",
+    "connPending",
+    "connOpening",
+    "connOpened",
+    "connClosing",
+    "connClosed",
+    "connMtu",
+    "connPhy",
+    "connParams",
+    "connsChanged",
+    "freeResvsChanged",
+    "advsChanged",
+    "ifStatusChanged",
+    "advPending",
+    "gattsDbUpdated",
+    "advStart",
+    "advStop",
+    "advStatusGet",
+    "advResvSet",
+    "advDataSet",
+    "advDataGet",
+    "advAddressGet",
+    "advConnectionGet",
+    "advIntervalGet",
+    "advTxPowerGet",
+    "advChannelMapGet",
+    "advPhyGet",
+    "advStarting",
+    "advStarted",
+    "advStopping",
+    "advStopped",
+    "advDataChanged",
+    // The GATT server: the walk, the edits, the value events and the answers.
+    "gattsPrimaryServicesGet",
+    "gattsServiceGet",
+    "gattsCharGet",
+    "gattsDescGet",
+    "gattsServiceAdd",
+    "gattsServiceRemove",
+    "gattsServiceReferenceAdd",
+    "gattsServiceReferenceRemove",
+    "gattsServiceEnable",
+    "gattsServiceDisable",
+    "gattsCharAdd",
+    "gattsCharRemove",
+    "gattsDescAdd",
+    "gattsDescRemove",
+    "gattsCharValueRead",
+    "gattsCharValueWrite",
+    "gattsDescValueRead",
+    "gattsDescValueWrite",
+    "gattsCharValueReadResponse",
+    "gattsDescValueReadResponse",
+    "gattsCharValueWriteResponse",
+    "gattsDescValueWriteResponse",
+    "gattsCharValueSetNotify",
 };
 constexpr std::size_t name_count = sizeof(names) / sizeof(names[0]);
 
@@ -253,6 +323,16 @@ public:
     reader(std::uint8_t const* data, std::size_t size) : data(data), size(size) {}
     bool done() const { return at >= size; }
     unsigned byte() { return at < size ? data[at++] : 0; }
+    // A body's length: one byte, or 255 and two more bytes (big-endian),
+    // so that a body can carry thousands of handles.
+    std::size_t length() {
+        std::size_t const first = byte();
+        if (first != 255) {
+            return first;
+        }
+        std::size_t const high = byte();
+        return high << 8 | byte();
+    }
     std::vector<unsigned char> bytes(std::size_t count) {
         auto const begin = std::min(at, size);
         auto const end = std::min(at + count, size);
@@ -270,21 +350,29 @@ private:
 class application {
 public:
     explicit application(std::shared_ptr<bt_ctrl> client)
-        : client(client), advertisers(std::move(client)) {
+        : client(client), advertisers(client), gatt(std::move(client)) {
         links.push_back(this->client->notify_on_new_connection([this](const_conn const& conn) {
             announced[announced_count++ % max_connections] = conn;
         }));
     }
 
     // Operations 0 to 15 work on connections and reservations, the next ones
-    // on advertisers.
+    // on advertisers, then on the GATT server.
     void call(unsigned operation, unsigned argument) {
         auto& slot = conns[argument % max_connections];
         if (!slot) {
             slot = client->create_connection();
             links.push_back(slot->notify_on_state_change([](bt_ctrl::connection::state) {}));
         }
-        operation %= 16 + fuzzing::client_advertisers::operation_count;
+        constexpr unsigned gatt_first = 16 + fuzzing::client_advertisers::operation_count;
+        operation %= gatt_first + fuzzing::client_gatt::operation_count;
+        if (operation >= gatt_first) {
+            // With bit 5, on the first connection the controller announced
+            // (the one of the first sync) if there is one.
+            gatt.call(operation - gatt_first, argument,
+                      (argument & 0x20) != 0 && announced[0] ? announced[0].get() : slot.get());
+            return;
+        }
         if (operation >= 16) {
             // Each reservation is the client's first or none, from bits of
             // their own, so that a start may listen with none.
@@ -388,6 +476,7 @@ public:
     void clear() {
         release();
         advertisers.clear();
+        gatt.clear();
         for (auto& slot : conns) {
             slot.reset();
         }
@@ -424,6 +513,7 @@ private:
 
     std::shared_ptr<bt_ctrl> client;
     fuzzing::client_advertisers advertisers;
+    fuzzing::client_gatt gatt;
     conn_ptr conns[max_connections];
     const_conn announced[max_connections];
     std::size_t announced_count = 0;
@@ -461,7 +551,7 @@ int fuzz_client(std::uint8_t const* data, std::size_t size) {
             case 0:
             case 2: {
                 std::string const name = names[input.byte() % name_count];
-                auto body = input.bytes(input.byte());
+                auto body = input.bytes(input.length());
                 auto const format = body.empty() ? stravik_part_payload::format::none
                                                  : stravik_part_payload::format::json;
                 quorl_utils::payload payload(std::move(body), format);

@@ -62,7 +62,15 @@ NAMES = ["ifAddrGet", "freeResvsGet", "resvsGet", "advsGet", "connsGet", "connOp
          "ifStatusChanged", "advPending", "gattsDbUpdated", "advStart", "advStop",
          "advStatusGet", "advResvSet", "advDataSet", "advDataGet", "advAddressGet",
          "advConnectionGet", "advIntervalGet", "advTxPowerGet", "advChannelMapGet", "advPhyGet",
-         "advStarting", "advStarted", "advStopping", "advStopped", "advDataChanged"]
+         "advStarting", "advStarted", "advStopping", "advStopped", "advDataChanged",
+         "gattsPrimaryServicesGet", "gattsServiceGet", "gattsCharGet", "gattsDescGet",
+         "gattsServiceAdd", "gattsServiceRemove", "gattsServiceReferenceAdd",
+         "gattsServiceReferenceRemove", "gattsServiceEnable", "gattsServiceDisable",
+         "gattsCharAdd", "gattsCharRemove", "gattsDescAdd", "gattsDescRemove",
+         "gattsCharValueRead", "gattsCharValueWrite", "gattsDescValueRead",
+         "gattsDescValueWrite", "gattsCharValueReadResponse", "gattsDescValueReadResponse",
+         "gattsCharValueWriteResponse", "gattsDescValueWriteResponse",
+         "gattsCharValueSetNotify"]
 REPLY, FAIL, EVENT, CALL, ADVANCE = range(5)
 # Application calls, as client.cpp numbers them.
 CONNECT, CLOSE, ADDRESS_SIGNAL, PHY_LATENCY, PARAMS, SET_PHY_LATENCY, SET_PARAMS, SET_RESV, \
@@ -71,6 +79,12 @@ CONNECT, CLOSE, ADDRESS_SIGNAL, PHY_LATENCY, PARAMS, SET_PHY_LATENCY, SET_PARAMS
 ADV_START, ADV_STOP, ADV_SET_RESV, ADV_SET_DATA, ADV_DATA_ADDRESS, ADV_CONN_INTERVAL, \
     ADV_POWER_CHANNELS_PHY, ADV_QUEUE, ADV_READ, ADV_DROP, ADV_DROP_ANNOUNCED, \
     ADV_RELEASE = range(16, 28)
+# The GATT server calls follow, as client_gatt.cpp numbers them.
+GATT_SYNC, GATT_ADD_SERVICE, GATT_DEL_SERVICE, GATT_REFERENCE, GATT_ENABLE, GATT_ADD_CHAR, \
+    GATT_DEL_CHAR, GATT_ADD_DESC, GATT_DEL_DESC, GATT_READ_MIRROR, GATT_WATCH, GATT_RELEASE, \
+    GATT_SERVE, GATT_ANSWER, GATT_DROP_HANDLERS = range(28, 43)
+# The controller's code for a handle that names nothing.
+UNKNOWN_HANDLE = 31
 
 
 def body(value):
@@ -79,9 +93,16 @@ def body(value):
     return json.dumps(value, separators=(",", ":")).encode()
 
 
+def length(data):
+    """One byte, or 255 and two bytes for a body of 255 bytes or more."""
+    if len(data) < 255:
+        return bytes([len(data)])
+    return bytes([255]) + struct.pack(">H", len(data))
+
+
 def reply(name, value):
     data = body(value)
-    return bytes([REPLY, NAMES.index(name), len(data)]) + data
+    return bytes([REPLY, NAMES.index(name)]) + length(data) + data
 
 
 def fail(name, code):
@@ -90,7 +111,7 @@ def fail(name, code):
 
 def event(name, value):
     data = body(value)
-    return bytes([EVENT, NAMES.index(name), len(data)]) + data
+    return bytes([EVENT, NAMES.index(name)]) + length(data) + data
 
 
 def call(operation, argument=0):
@@ -232,6 +253,74 @@ CLIENT_SEEDS = {
         event("freeResvsChanged", [1]), event("connParams", {"connHandle": 3}),
         call(CONNECT, 2), call(DROP, 2), call(RELEASE), call(ADD_RESV, 1),
         advance(46), call(CONNECT, 3), fail("connOpen", 255), call(RESET),
+    ],
+    # A walk of a small database: a service included by both primary ones
+    # (asked for twice, built once), a characteristic with a descriptor; the
+    # mirror read, an update heard by a watcher that walks again, and a
+    # second caller that waits for the next walk.
+    "c_gatt_walk": [
+        call(GATT_WATCH, 0x01), call(GATT_SYNC, 0x01),
+        reply("gattsPrimaryServicesGet", [10, 20]),
+        reply("gattsServiceGet", {"uuid": "180f", "enabled": True, "includedServices": [30],
+                                  "includedChars": [11]}),
+        reply("gattsServiceGet", {"uuid": "12345678-1234-5678-1234-56789ABCDEF0",
+                                  "enabled": False, "includedServices": [30]}),
+        reply("gattsServiceGet", {"uuid": "181a", "enabled": True}),
+        reply("gattsCharGet", {"uuid": "2a19", "permissions": ["read"],
+                               "properties": ["read", "notify"], "includedDescriptors": [12]}),
+        reply("gattsServiceGet", {"uuid": "181a", "enabled": True}),
+        reply("gattsDescGet", {"uuid": "2902", "permissions": ["read", "write"]}),
+        call(GATT_READ_MIRROR, 8),
+        reply("gattsPrimaryServicesGet", []),
+        event("gattsDbUpdated", {"handles": [11, 12]}),
+        reply("gattsPrimaryServicesGet", {}),
+        call(GATT_READ_MIRROR, 0),
+    ],
+    # What a controller must not say in a walk: services that include each
+    # other, handles that name nothing or the wrong kind, the root's handle,
+    # a reply with hundreds of handles, keys of the wrong type, texts the
+    # tree does not know; a walk that fails midway while a caller waits.
+    "c_gatt_hostile": [
+        call(GATT_SYNC, 0x03), call(GATT_SYNC, 0x84),
+        reply("gattsPrimaryServicesGet", [1, 2, 0, 1]),
+        reply("gattsServiceGet", {"uuid": "1800", "enabled": True, "includedServices": [2],
+                                  "includedChars": [1, 2, 5]}),
+        reply("gattsServiceGet", {"uuid": "1801", "enabled": True, "includedServices": [1, 2],
+                                  "includedChars": "5"}),
+        reply("gattsServiceGet", {"uuid": 5, "enabled": "yes"}),
+        fail("gattsServiceGet", UNKNOWN_HANDLE),
+        reply("gattsCharGet", {"uuid": "2a00", "permissions": ["read", "execute"],
+                               "properties": ["read"]}),
+        reply("gattsCharGet", {"uuid": "2a01", "permissions": [],
+                               "properties": ["writeNoResponse", "extendedProps"],
+                               "includedDescriptors": [7]}),
+        reply("gattsCharGet", {"uuid": "not-a-uuid", "permissions": [], "properties": []}),
+        reply("gattsServiceGet", {"uuid": "1802", "enabled": True,
+                                  "includedChars": list(range(100, 700))}),
+        reply("gattsCharGet", {"uuid": "2a02", "permissions": ["read"], "properties": ["read"],
+                               "includedDescriptors": [1, 100, 4294967295]}),
+        fail("gattsCharGet", UNKNOWN_HANDLE), fail("gattsCharGet", 3),
+        reply("gattsPrimaryServicesGet", "[1"), fail("gattsPrimaryServicesGet", UNKNOWN_HANDLE),
+        call(GATT_READ_MIRROR, 0), advance(46), call(GATT_READ_MIRROR, 1),
+    ],
+    # Edits: a service with and without a parent, a characteristic, a
+    # descriptor, references, enabling; refusals, a reply without a handle,
+    # and links released before the replies.
+    "c_gatt_edits": [
+        call(GATT_ADD_SERVICE, 0x01), reply("gattsServiceAdd", {"handle": 40}),
+        call(GATT_ADD_SERVICE, 0x07), reply("gattsServiceAdd", {"handle": 41}),
+        call(GATT_ADD_CHAR, 0x3f), reply("gattsCharAdd", {"handle": 42}),
+        call(GATT_ADD_DESC, 0x07), reply("gattsDescAdd", {"handle": 43}),
+        call(GATT_REFERENCE, 0x13), reply("gattsServiceReferenceAdd", {}),
+        call(GATT_REFERENCE, 0x12), fail("gattsServiceReferenceRemove", 39),
+        call(GATT_ENABLE, 0x03), reply("gattsServiceEnable", {}),
+        call(GATT_ENABLE, 0x82), reply("gattsServiceDisable", {}),
+        call(GATT_ADD_SERVICE, 0x80), reply("gattsServiceAdd", {}),
+        call(GATT_DEL_DESC, 0x01), reply("gattsDescRemove", {}),
+        call(GATT_DEL_CHAR, 0x02), call(GATT_RELEASE), reply("gattsCharRemove", {}),
+        call(GATT_DEL_SERVICE, 0x05), fail("gattsServiceRemove", UNKNOWN_HANDLE),
+        event("gattsDbUpdated", {"handles": [40, 41, 42, 43]}),
+        event("gattsDbUpdated", {"handles": "all"}),
     ],
 }
 
