@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstddef>
 #include <cstdint>
-#include <iomanip>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -19,20 +19,25 @@ namespace zelvo::tavrin::misc {
 // elements. An empty container gives an empty text.
 template <typename Container>
 std::string to_hex_string(Container const& bytes, std::string const& separator, bool uppercase) {
-    std::ostringstream out;
-    out << std::hex << std::setfill('0');
-    if (uppercase) {
-        out << std::uppercase;
+    // Written digit by digit: attribute values and advertising data go
+    // through here on every answer, and a stream costs more than the text.
+    char const* const digits = uppercase ? "0123456789ABCDEF" : "0123456789abcdef";
+    std::string out;
+    auto const count = static_cast<std::size_t>(std::distance(std::begin(bytes), std::end(bytes)));
+    if (count != 0) {
+        out.reserve(count * 2 + (count - 1) * separator.size());
     }
     bool first = true;
     for (auto byte : bytes) {
         if (!first) {
-            out << separator;
+            out += separator;
         }
         first = false;
-        out << std::setw(2) << static_cast<unsigned>(static_cast<unsigned char>(byte));
+        auto const value = static_cast<unsigned char>(byte);
+        out += digits[value >> 4];
+        out += digits[value & 0x0F];
     }
-    return out.str();
+    return out;
 }
 
 // The inverse of to_hex_string. Only the overall length is checked up front,
