@@ -383,8 +383,12 @@ private:
 
 template <typename F>
 F bt_ctrl::make_exception_wrapper(F const& handler, std::string const& text) const {
-    auto const report = misc::tie_member(&bt_ctrl::handle_exception, this, alive_token);
-    return [handler, text, report](auto&&... args) {
+    // The client is reached through a weak copy of its token rather than a
+    // tied function: a wrapper is made for every operation, and a tie would
+    // cost allocations of its own each time.
+    std::weak_ptr<char> const alive = alive_token;
+    bt_ctrl const* const self = this;
+    return [handler, text, alive, self](auto&&... args) {
         std::exception_ptr failure;
         try {
             handler(std::forward<decltype(args)>(args)...);
@@ -399,7 +403,9 @@ F bt_ctrl::make_exception_wrapper(F const& handler, std::string const& text) con
         try {
             std::rethrow_exception(failure);
         } catch (...) {
-            report(text);
+            if (!alive.expired()) {
+                self->handle_exception(text);
+            }
         }
     };
 }
