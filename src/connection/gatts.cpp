@@ -48,6 +48,20 @@ char const* const status_words[] = {
 };
 static_assert(std::size(status_words) == static_cast<std::size_t>(error::gatt_proto::unknown) + 1);
 
+// The texts and names of the sending operations, made once: an answer is on
+// the path of every peer's read and write.
+std::string const read_words =
+    "Failed response handler on responding on GATTS (conn) ATT value read";
+std::string const write_words =
+    "Failed response handler on responding on GATTS (conn) ATT value write";
+std::string const notify_words =
+    "Failed response handler on sending GATTS (conn) chara value change";
+std::string const char_read_response = "gattsCharValueReadResponse";
+std::string const desc_read_response = "gattsDescValueReadResponse";
+std::string const char_write_response = "gattsCharValueWriteResponse";
+std::string const desc_write_response = "gattsDescValueWriteResponse";
+std::string const set_notify = "gattsCharValueSetNotify";
+
 }  // namespace
 
 bt_ctrl::connection::gatts::gatts(connection& owner) : owner(owner), event_loop(owner.event_loop) {}
@@ -255,11 +269,13 @@ utils::link bt_ctrl::connection::gatts::respond_on_att_value_read(
     std::string const& request, unsigned int handle, std::vector<unsigned char> const& data,
     error::gatt_proto status, result_handler const& handler) {
     return send(
-        "Failed response handler on responding on GATTS (conn) ATT value read", request,
+        read_words, request,
         [&] {
-            return json{{"handle", handle},
-                        {"data", misc::to_hex_string(data, "", true)},
-                        {"status", to_string(status)}};
+            json body = json::object();
+            body["handle"] = handle;
+            body["data"] = misc::to_hex_string(data, "", true);
+            body["status"] = to_string(status);
+            return body;
         },
         handler);
 }
@@ -269,9 +285,12 @@ utils::link bt_ctrl::connection::gatts::respond_on_att_value_write(std::string c
                                                                    error::gatt_proto status,
                                                                    result_handler const& handler) {
     return send(
-        "Failed response handler on responding on GATTS (conn) ATT value write", request,
+        write_words, request,
         [&] {
-            return json{{"handle", handle}, {"status", to_string(status)}};
+            json body = json::object();
+            body["handle"] = handle;
+            body["status"] = to_string(status);
+            return body;
         },
         handler);
 }
@@ -280,12 +299,13 @@ utils::link bt_ctrl::connection::gatts::send_notify_on_characteristic_value_chan
     unsigned int handle, bool response_needed, std::vector<unsigned char> const& data,
     result_handler const& handler) {
     return send(
-        "Failed response handler on sending GATTS (conn) chara value change",
-        "gattsCharValueSetNotify",
+        notify_words, set_notify,
         [&] {
-            return json{{"handle", handle},
-                        {"data", misc::to_hex_string(data, "", true)},
-                        {"responseNeeded", response_needed}};
+            json body = json::object();
+            body["handle"] = handle;
+            body["data"] = misc::to_hex_string(data, "", true);
+            body["responseNeeded"] = response_needed;
+            return body;
         },
         handler);
 }
@@ -293,23 +313,23 @@ utils::link bt_ctrl::connection::gatts::send_notify_on_characteristic_value_chan
 utils::link bt_ctrl::connection::gatts::respond_on_characteristic_value_read(
     unsigned int handle, std::vector<unsigned char> const& data, error::gatt_proto status,
     result_handler const& handler) {
-    return respond_on_att_value_read("gattsCharValueReadResponse", handle, data, status, handler);
+    return respond_on_att_value_read(char_read_response, handle, data, status, handler);
 }
 
 utils::link bt_ctrl::connection::gatts::respond_on_descriptor_value_read(
     unsigned int handle, std::vector<unsigned char> const& data, error::gatt_proto status,
     result_handler const& handler) {
-    return respond_on_att_value_read("gattsDescValueReadResponse", handle, data, status, handler);
+    return respond_on_att_value_read(desc_read_response, handle, data, status, handler);
 }
 
 utils::link bt_ctrl::connection::gatts::respond_on_characteristic_value_write(
     unsigned int handle, error::gatt_proto status, result_handler const& handler) {
-    return respond_on_att_value_write("gattsCharValueWriteResponse", handle, status, handler);
+    return respond_on_att_value_write(char_write_response, handle, status, handler);
 }
 
 utils::link bt_ctrl::connection::gatts::respond_on_descriptor_value_write(
     unsigned int handle, error::gatt_proto status, result_handler const& handler) {
-    return respond_on_att_value_write("gattsDescValueWriteResponse", handle, status, handler);
+    return respond_on_att_value_write(desc_write_response, handle, status, handler);
 }
 
 }  // namespace zelvo::tavrin::impl
