@@ -39,13 +39,18 @@ namespace tv = zelvo::tavrin;
 using bytes = std::vector<unsigned char>;
 
 // A connection of the test loop whose receive handler is kept, so that bytes
-// can be handed to the client as if they had arrived.
+// can be handed to the client as if they had arrived; `on_send`, if set, sees
+// each message the client writes before it goes on.
 class tapped_connection : public tv::utils::tcp_connection {
 public:
     explicit tapped_connection(std::shared_ptr<tv::utils::tcp_connection> inner)
         : inner(std::move(inner)) {}
 
-    bool send(bytes const& data) override { return inner->send(data); }
+    bool send(bytes const& data) override {
+        if (on_send)
+            on_send(data);
+        return inner->send(data);
+    }
     void close() override { inner->close(); }
     std::string const& get_name() const override { return inner->get_name(); }
     state get_state() const override { return inner->get_state(); }
@@ -65,6 +70,8 @@ public:
 
     // What the client installed: where arriving bytes enter it.
     std::function<void(bytes const&)> const& entry() const { return *receive; }
+
+    std::function<void(bytes const&)> on_send;
 
 private:
     std::shared_ptr<tv::utils::tcp_connection> inner;
@@ -134,13 +141,18 @@ public:
             throw std::runtime_error("the client did not reach enabled");
     }
 
-    // Where the client takes its controller's bytes; throws if there is no
-    // connected controller connection.
-    std::function<void(bytes const&)> const& entry() const {
+    // The client's connection to its controller; throws if there is no
+    // connected one.
+    tapped_connection& controller_connection() const {
         for (auto const& made : tap->made_connections)
             if (made->get_state() == tv::utils::connection::state::connected && made->entry())
-                return made->entry();
+                return *made;
         throw std::runtime_error("no connection to the controller");
+    }
+
+    // Where the client takes its controller's bytes.
+    std::function<void(bytes const&)> const& entry() const {
+        return controller_connection().entry();
     }
 
     // Feeds `count` events, the frames in turn; `heard` is the handlers'
