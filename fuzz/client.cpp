@@ -367,8 +367,8 @@ public:
         constexpr unsigned gatt_first = 16 + fuzzing::client_advertisers::operation_count;
         operation %= gatt_first + fuzzing::client_gatt::operation_count;
         if (operation >= gatt_first) {
-            // With bit 5, on the first connection the controller announced
-            // (the one of the first sync) if there is one.
+            // With bit 5, on the first connection the client announced (one
+            // that an event brought) if there is one.
             gatt.call(operation - gatt_first, argument,
                       (argument & 0x20) != 0 && announced[0] ? announced[0].get() : slot.get());
             return;

@@ -322,6 +322,34 @@ CLIENT_SEEDS = {
         event("gattsDbUpdated", {"handles": [40, 41, 42, 43]}),
         event("gattsDbUpdated", {"handles": "all"}),
     ],
+    # Peers' reads and writes on a connection a peer opened (handle 8, the
+    # first the client announces): handlers at the three levels, answering
+    # inside the handler or throwing; answers and a notification later;
+    # events the client must drop or that throw; then no handlers at all.
+    "c_gatt_values": [
+        event("connOpened", {"connHandle": 8, "connPhy": "1m", "connMtu": 23,
+                             "connDirection": "incoming"}),
+        call(GATT_SERVE, 0x6A), call(GATT_SERVE, 0x64), call(GATT_SERVE, 0x69),
+        call(GATT_SERVE, 0xA3),
+        event("gattsCharValueWrite", {"connHandle": 8, "handle": 11, "data": "0aFF"}),
+        reply("gattsCharValueWriteResponse", {}),
+        event("gattsCharValueRead", {"connHandle": 8, "handle": 5, "offset": 1}),
+        fail("gattsCharValueReadResponse", UNKNOWN_HANDLE),
+        event("gattsDescValueRead", {"connHandle": 8, "handle": 6}),
+        event("gattsDescValueWrite", {"connHandle": 8, "handle": 2, "data": "", "offset": 0}),
+        event("gattsCharValueWrite", {"connHandle": 8, "handle": 12, "data": "0aff",
+                                      "responseNeeded": False}),
+        event("gattsCharValueWrite", {"connHandle": 8, "handle": 11, "data": "0G"}),
+        event("gattsCharValueWrite", {"connHandle": 8, "handle": 11}),
+        event("gattsCharValueWrite", {"connHandle": 8, "handle": 11, "data": "00",
+                                      "responseNeeded": "yes"}),
+        event("gattsDescValueRead", {"connHandle": 8, "handle": -1, "offset": 1e20}),
+        event("gattsCharValueRead", {"connHandle": 99}),
+        call(GATT_ANSWER, 0x24), reply("gattsCharValueSetNotify", {}),
+        call(GATT_ANSWER, 0x39), fail("gattsDescValueReadResponse", 3),
+        call(GATT_DROP_HANDLERS),
+        event("gattsCharValueWrite", {"connHandle": 8, "handle": 11, "data": "0aff"}),
+    ],
 }
 
 
