@@ -116,8 +116,7 @@ private:
         waiting.expect("connection opened", "the connection to open", [this] { show(); });
         sim::central who;
         who.address = central;
-        if (radio->central_connect(interface, set, who) !=
-            sim::central_result::connected) {
+        if (radio->central_connect(interface, set, who) != sim::central_result::connected) {
             ctx.fail("the central could not connect");
         }
     }

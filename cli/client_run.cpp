@@ -274,6 +274,10 @@ private:
                 deadline.cancel();
                 job = make_advertise_task(context(), options.advertising);
                 return job->on_enabled();
+            case run_options::command::serve:
+                deadline.cancel();
+                job = make_serve_task(context(), options.database, options.advertising);
+                return job->on_enabled();
             case run_options::command::demo:
                 break;
         }

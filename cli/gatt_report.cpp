@@ -37,7 +37,8 @@ std::string value_text(std::vector<unsigned char> const& value) {
         text += digits;
     }
     auto const printable = [](unsigned char c) { return c >= 0x20 && c < 0x7F; };
-    if (std::all_of(value.begin(), value.end(), printable)) {
+    // A single byte is more often a number than a letter.
+    if (value.size() > 1 && std::all_of(value.begin(), value.end(), printable)) {
         text += " \"" + std::string(value.begin(), value.end()) + "\"";
     }
     return text;

@@ -13,8 +13,9 @@ namespace zelvo::tavrin::cli {
 // "2a19", or the 36-character form of a UUID outside the Bluetooth base.
 std::string uuid_text(gatt::uuid const& uuid);
 
-// "64", "68690A", with the text in quotes after it when every byte is
-// printable ASCII: "6869 \"hi\""; "(empty)" for no bytes.
+// "64", "68690A", with the text in quotes after it when there are two bytes
+// or more and every one is printable ASCII: "6869 \"hi\""; "(empty)" for no
+// bytes.
 std::string value_text(std::vector<unsigned char> const& value);
 
 // The database as a tree, one line per attribute, each line starting with
