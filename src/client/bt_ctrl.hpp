@@ -241,8 +241,6 @@ private:
                                      std::shared_ptr<sync_waiter_type> const& waiter);
     // "gattsDbUpdated": handed to the GATT server object while enabled.
     void gatts_db_updated_event_handler(event const& ev);
-    // Events whose objects have not arrived yet.
-    void unserved_event_handler(event const& ev);
 
     // Reservations.
     void free_reservs_get_resp_handler(response const& resp,
@@ -289,6 +287,14 @@ private:
     void conn_mtu_event_handler(event const& ev);
     void conn_phy_event_handler(event const& ev);
     void conn_params_event_handler(event const& ev);
+
+    // A peer's value reads and writes on a connection (gatts_value_events.cpp):
+    // routed to the connection's GATT server handlers, whatever the states;
+    // an event for an unknown connection is dropped unread.
+    void gatts_char_value_read_event_handler(event const& ev);
+    void gatts_desc_value_read_event_handler(event const& ev);
+    void gatts_char_value_write_event_handler(event const& ev);
+    void gatts_desc_value_write_event_handler(event const& ev);
 
     // Sends a request with a JSON body on the present bus; the handler is
     // called by the bus with the response.

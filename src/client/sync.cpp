@@ -45,7 +45,6 @@ void bt_ctrl::start_sync() {
             self.adv_state_changed_event_handler(ev, bound);
         };
     };
-    auto const unserved = [](bt_ctrl& self, event const& ev) { self.unserved_event_handler(ev); };
     std::pair<char const*, std::function<void(bt_ctrl&, event const&)>> const events[] = {
         {"freeResvsChanged", &bt_ctrl::free_reserv_changed_event_handler},
         {"advsChanged", &bt_ctrl::advs_changed_event_handler},
@@ -65,10 +64,10 @@ void bt_ctrl::start_sync() {
         {"connClosing", conn_state_event(conn_state::closing)},
         {"connClosed", conn_state_event(conn_state::closed)},
         {"gattsDbUpdated", &bt_ctrl::gatts_db_updated_event_handler},
-        {"gattsCharValueRead", unserved},
-        {"gattsCharValueWrite", unserved},
-        {"gattsDescValueRead", unserved},
-        {"gattsDescValueWrite", unserved},
+        {"gattsCharValueRead", &bt_ctrl::gatts_char_value_read_event_handler},
+        {"gattsCharValueWrite", &bt_ctrl::gatts_char_value_write_event_handler},
+        {"gattsDescValueRead", &bt_ctrl::gatts_desc_value_read_event_handler},
+        {"gattsDescValueWrite", &bt_ctrl::gatts_desc_value_write_event_handler},
     };
     for (auto const& [name, handler] : events) {
         subscribe(name, handler);
@@ -135,11 +134,6 @@ void bt_ctrl::gatts_db_updated_event_handler(event const& ev) {
     auto const body = stravik_part_payload::from_bytes<nlohmann::json>(ev->payload);
     gatts_object->on_updated(body.at("handles").get<std::set<unsigned int>>());
 }
-
-// The objects these events are about (a connection's GATT server requests) have not arrived: the
-// events are subscribed with the others, so that the set of subscriptions is complete, and dropped
-// unread.
-void bt_ctrl::unserved_event_handler(event const&) {}
 
 void bt_ctrl::clear_sync() {
     if (auto const running = sync_waiter.lock()) {
