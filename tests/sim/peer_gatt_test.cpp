@@ -77,6 +77,7 @@ protected:
         loop->run();
         c->take_heard();
         lines.clear();
+        outcomes.clear();
     }
     att_handler record() {
         return [this](att_outcome const& seen) {
@@ -194,25 +195,79 @@ TEST_F(SimPeerGatt, SubscriptionsDecideWhatReachesThePeer) {
     EXPECT_EQ(push(), (strings{"app 44", "app 44"}));
 }
 
-TEST_F(SimPeerGatt, AnUnansweredOperationTimesOutAndTheConnectionsEndEndsTheRest) {
+TEST_F(SimPeerGatt, AnAnswerCompletesTheOldestOperationOfItsKindOnItsAttribute) {
+    strings seen;
+    auto const tagged = [&seen](std::string tag) {
+        return [&seen, tag](att_outcome const& outcome) {
+            seen.push_back(tag + " " + outcome.status + " " + hex(outcome.data));
+        };
+    };
+    ASSERT_TRUE(ctl->peer_read("hci0", 1, 2, 0, tagged("first")));
+    ASSERT_TRUE(ctl->peer_read("hci0", 1, 4, 0, tagged("descriptor")));
+    ASSERT_TRUE(ctl->peer_write("hci0", 1, 2, {5}, 0, true, tagged("write")));
+    ASSERT_TRUE(ctl->peer_read("hci0", 1, 2, 0, tagged("second")));
+    EXPECT_EQ(c->ask("gattsCharValueWriteResponse", answer(2, "success")), "{}");
+    EXPECT_EQ(c->ask("gattsCharValueReadResponse", read_answer(2, "success", "01")), "{}");
+    EXPECT_EQ(c->ask("gattsCharValueReadResponse", read_answer(2, "success", "02")), "{}");
+    EXPECT_EQ(seen, (strings{"write success ", "first success 01", "second success 02"}));
+}
+
+TEST_F(SimPeerGatt, ThePeerKeepsTheLastValues) {
+    ASSERT_TRUE(ctl->peer_subscribe("hci0", 1, 2, false, nullptr));
+    c->ask("gattsDescValueWriteResponse", answer(3, "success"));
+    for (unsigned i = 0; i <= max_peer_values; ++i) {
+        ASSERT_EQ(c->ask("gattsCharValueSetNotify",
+                         notify(2, hex({static_cast<unsigned char>(i)}), false)),
+                  "{}");
+    }
+    auto const values = ctl->peer_values("hci0", 1);
+    ASSERT_EQ(values.size(), max_peer_values);
+    EXPECT_EQ(hex(values.front().data), "01");
+    EXPECT_EQ(hex(values.back().data), hex({static_cast<unsigned char>(max_peer_values)}));
+}
+
+TEST_F(SimPeerGatt, AnUnansweredOperationTimesOut) {
     ASSERT_TRUE(ctl->peer_read("hci0", 1, 2, 0, record()));
     loop->advance(29s);
     ASSERT_TRUE(ctl->peer_write("hci0", 1, 2, {1}, 0, true, record()));
-    ASSERT_TRUE(ctl->peer_read("hci0", 1, 4, 0, record()));
     EXPECT_TRUE(outcomes.empty());
     loop->advance(1s);
     EXPECT_EQ(outcomes, strings{"timeout"});
     // Too late: the read is no longer pending.
     EXPECT_EQ(c->ask("gattsCharValueReadResponse", read_answer(2, "success", "01")), "{}");
     EXPECT_EQ(outcomes, strings{"timeout"});
+    loop->advance(29s);
+    EXPECT_EQ(outcomes, (strings{"timeout", "timeout"}));
+}
 
-    EXPECT_EQ(c->ask("connClose", {{"connHandle", 1}}), "{}");
-    loop->run();
-    EXPECT_EQ(outcomes, (strings{"timeout", "disconnected", "disconnected"}));
-    EXPECT_FALSE(ctl->peer_read("hci0", 1, 2, 0, record()));
-    EXPECT_TRUE(ctl->peer_values("hci0", 1).empty());
-    loop->advance(60s);
-    EXPECT_EQ(outcomes.size(), 3u);
+TEST_F(SimPeerGatt, TheConnectionsEndEndsItsOperations) {
+    std::vector<std::pair<char const*, std::function<void()>>> const endings = {
+        {"closed by the client",
+         [&] {
+             c->ask("connClose", {{"connHandle", 1}});
+         }},
+        {"closed by the peer",
+         [&] { ASSERT_TRUE(ctl->simulation()->peer_disconnect(central_address)); }},
+        {"the interface goes down",
+         [&] { ASSERT_TRUE(ctl->set_interface_status("hci0", bt_ctrl::state::disabled)); }},
+    };
+    for (auto const& [what, end] : endings) {
+        SCOPED_TRACE(what);
+        restart();
+        SetUp();
+        ASSERT_TRUE(ctl->peer_subscribe("hci0", 1, 2, false, nullptr));
+        c->ask("gattsDescValueWriteResponse", answer(3, "success"));
+        c->ask("gattsCharValueSetNotify", notify(2, "01", false));
+        ASSERT_TRUE(ctl->peer_write("hci0", 1, 2, {1}, 0, true, record()));
+        ASSERT_TRUE(ctl->peer_read("hci0", 1, 4, 0, record()));
+        end();
+        loop->run();
+        EXPECT_EQ(outcomes, (strings{"disconnected", "disconnected"}));
+        EXPECT_FALSE(ctl->peer_read("hci0", 1, 2, 0, record()));
+        EXPECT_TRUE(ctl->peer_values("hci0", 1).empty());
+        loop->advance(60s);
+        EXPECT_EQ(outcomes.size(), 2u);
+    }
 }
 
 TEST_F(SimPeerGatt, TheControllerRefusesBadAnswers) {
