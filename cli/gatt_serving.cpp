@@ -75,10 +75,13 @@ gatt_session::gatt_session(bt_ctrl::connection const& conn, gatt_layout const& l
         }));
 }
 
-void gatt_session::change_value(unsigned int handle, std::vector<unsigned char> const& value) {
+void gatt_session::change_value(unsigned int handle, std::vector<unsigned char> const& value,
+                                std::function<void(std::error_code const&)> sent) {
     values[handle] = value;
     line("changed", name(handle, layout.find(handle)) + ": " + value_text(value));
-    push(handle);
+    if (!push(handle, sent) && sent) {
+        sent({});
+    }
 }
 
 void gatt_session::on_read(unsigned int handle, unsigned int offset, bool characteristic) {
@@ -209,10 +212,10 @@ error::gatt_proto gatt_session::subscribe(gatt_layout::attribute const& cccd,
     return status::success;
 }
 
-void gatt_session::push(unsigned int handle) {
+bool gatt_session::push(unsigned int handle, std::function<void(std::error_code const&)> sent) {
     auto const bits = subscriptions[handle];
     if (bits == 0) {
-        return;
+        return false;
     }
     bool const indicate = (bits & indications) != 0;
     auto const& value = values[handle];
@@ -223,8 +226,16 @@ void gatt_session::push(unsigned int handle) {
     auto const* const attribute = layout.find(handle);
     auto const label = indicate ? "indicate" : "notify";
     line(label, name(handle, attribute) + ": " + value_text(data));
+    auto report = reporting(std::string(label) + " " + name(handle, attribute));
     keep(server.send_notify_on_characteristic_value_change(
-        handle, indicate, data, reporting(std::string(label) + " " + name(handle, attribute))));
+        handle, indicate, data,
+        [report = std::move(report), sent = std::move(sent)](std::error_code const& ec) {
+            report(ec);
+            if (sent) {
+                sent(ec);
+            }
+        }));
+    return true;
 }
 
 std::function<void(std::error_code const&)> gatt_session::reporting(std::string what) {

@@ -42,8 +42,11 @@ public:
     gatt_session& operator=(gatt_session const&) = delete;
 
     // Stores a characteristic's new value as the application's own change,
-    // and pushes it to the peer if it subscribed.
-    void change_value(unsigned int handle, std::vector<unsigned char> const& value);
+    // and pushes it to the peer if it subscribed; `sent`, when set, hears
+    // the controller's answer to the push, or runs at once with no error
+    // when the peer has not subscribed.
+    void change_value(unsigned int handle, std::vector<unsigned char> const& value,
+                      std::function<void(std::error_code const&)> sent = nullptr);
 
 private:
     // The peer's 2902 bits: 1 notifications, 2 indications.
@@ -61,7 +64,8 @@ private:
     // subscription and tells of it.
     error::gatt_proto subscribe(gatt_layout::attribute const& cccd,
                                 std::vector<unsigned char> const& data, unsigned int offset);
-    void push(unsigned int handle);
+    // False when the peer has not subscribed to the characteristic.
+    bool push(unsigned int handle, std::function<void(std::error_code const&)> sent = nullptr);
     std::function<void(std::error_code const&)> reporting(std::string what);
     void keep(utils::link link);
     void line(std::string const& label, std::string const& text);
