@@ -1,6 +1,6 @@
 // The command's advertising over real TCP: `tavrin advertise` against
 // `tavrin sim` in another process, plain and connectable with a central of
-// the simulator's configuration connecting; the demo's advertising step;
+// the simulator's configuration connecting; the demo's peripheral step;
 // the checks of the options.
 #include <gtest/gtest.h>
 
@@ -66,17 +66,42 @@ TEST(CommandAdvertising, AConnectableSetGivesTheCentralsConnection) {
     std::remove(config.c_str());
 }
 
-TEST(CommandAdvertising, TheDemoShowsTheConnectionThatListenGave) {
+// The demo's peripheral step: its database at the controller, advertised;
+// the central's connection that listen gave, and what the central and the
+// server each see of a read, a write, a subscription and a notification.
+TEST(CommandAdvertising, TheDemoServesTheCentralThatListenGave) {
     command_process demo(command, {"demo"});
     ASSERT_EQ(demo.wait_end(), 0) << demo.output();
     expect_in_order(
         demo.output(),
-        {"released      the connection slot", "* create_advertiser()", "  advertiser started",
-         "* the central connects (simulated)", "  connection: state opened (incoming",
-         "  advertiser stopped (reason: "
-         "connectionOpened)",
-         "  connection: incoming from 02:54:56:00:02:01-public", "* close()",
-         "  connection: state closed", "restarts interface hci0", "stopped cleanly"});
+        {"released      the connection slot",
+         "* get_gatts(): add_service()",
+         "  service 180f [1]",
+         "    characteristic 2a19 [3] read notify, value 64",
+         "      descriptor 2902 [4] read write",
+         "* create_advertiser()",
+         "services 180F, name \"tavrin demo\"",
+         "  advertiser started",
+         "* the central connects (simulated)",
+         "  connection: state opened (incoming",
+         "  advertiser stopped (reason: connectionOpened)",
+         "  connection: incoming from 02:54:56:00:02:01-public",
+         "* the central reads the battery level",
+         "  read          2a19 [3]: 64",
+         "  central sees success 64",
+         "* the central writes 74617672696E \"tavrin\"",
+         "  write         7a0e1001-5c2b-4f6e-9d3a-1b2c3d4e5f60 [5]: 74617672696E \"tavrin\"",
+         "  central sees success",
+         "* the central subscribes",
+         "  subscribe     2a19 [3]: notifications",
+         "  central sees success",
+         "* the battery level drops",
+         "  notify        2a19 [3]: 63",
+         "  central sees a notification of [3]: 63",
+         "* the central disconnects (simulated)",
+         "  connection: state closed",
+         "restarts interface hci0",
+         "stopped cleanly"});
 }
 
 TEST(CommandAdvertising, OptionsAreChecked) {
