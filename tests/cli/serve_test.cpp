@@ -1,6 +1,6 @@
-// `tavrin serve` over real TCP: the example file served to a scripted
-// central of `tavrin sim` in another process, as both sides tell it; and a
-// bad file refused before anything runs.
+// `tavrin serve` over real TCP: the example file served to the example's
+// scripted central of `tavrin sim` in another process, as both sides tell
+// it; and a bad file refused before anything runs.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -15,6 +15,10 @@ namespace {
 
 std::string const command = TAVRIN_COMMAND;
 std::string const example = TAVRIN_SOURCE_DIR "/examples/gatt-battery.json";
+// A central that connects a second after the set goes on air, reads the
+// battery level, subscribes to the greeting, writes it, reads it back, and
+// reads its description.
+std::string const centrals = TAVRIN_SOURCE_DIR "/examples/sim-battery-central.json";
 std::string const greeting = "7a0e1001-5c2b-4f6e-9d3a-1b2c3d4e5f60";
 
 std::string temp_file(std::string const& name, std::string const& text) {
@@ -23,33 +27,14 @@ std::string temp_file(std::string const& name, std::string const& text) {
     return path;
 }
 
-// A central that connects a second after the set goes on air, reads the
-// battery level, subscribes to the greeting, writes it, and reads past its
-// end.
-std::string scripted_central() {
-    return temp_file("serve-sim.json", R"({
-        "interfaces": [{"name": "hci0", "addr": {"type": "public", "mac": "02:54:56:00:00:01"}}],
-        "centrals": [{"addr": {"type": "public", "mac": "02:54:56:00:02:07"}, "connectAfter": 1,
-                      "gatt": [{"after": 0, "read": "2a19"},
-                               {"after": 0, "subscribe": ")" +
-                                           greeting + R"("},
-                               {"after": 1, "write": ")" +
-                                           greeting + R"(", "data": "776F726C64"},
-                               {"after": 1, "read": ")" +
-                                           greeting + R"("},
-                               {"after": 1, "read": "2901"}]}]})");
-}
-
 TEST(CommandServe, TheExampleIsServedToAScriptedCentral) {
-    auto const config = scripted_central();
     auto const port = free_port();
-    sim_process sim(command, port, {"--config", config});
+    sim_process sim(command, port, {"--config", centrals});
     ASSERT_TRUE(sim.listening) << sim.output();
     command_process serve(command,
                           {"serve", "--gatt", example, "--name", "tavrin", "--ctrl", ctrl(port)});
     ASSERT_TRUE(serve.wait_for("read          2901")) << serve.output();
     EXPECT_EQ(serve.interrupt(), 0) << serve.output();
-    std::remove(config.c_str());
 
     // The database as built, advertised, then each peer operation.
     auto const out = serve.output();
