@@ -193,8 +193,34 @@ private:
         conn_lines.reset();
         conn.reset();
         adv.reset();
+        if (builder) {
+            return remove_database();
+        }
         // Not from inside a handler of the client.
         asio::post(ctx.io, done);
+    }
+
+    // The database belongs to the controller's interface and would outlive
+    // the demo; the services go one after the other.
+    void remove_database() {
+        auto const& services = builder->layout().services;
+        if (removed == services.size()) {
+            builder.reset();
+            return asio::post(ctx.io, done);
+        }
+        if (removed == 0) {
+            ctx.say(
+                "del_service() for each of the demo's services: the database leaves the "
+                "controller");
+        }
+        pending_op = ctx.client->get_gatts().del_service(
+            services[removed], [this](std::error_code const& ec) {
+                if (ec) {
+                    return ctx.fail("del_service failed: " + ec.message());
+                }
+                ++removed;
+                remove_database();
+            });
     }
 
     std::function<void(std::error_code const&)> checked(std::string const& what) {
@@ -216,6 +242,7 @@ private:
     gatt_file const file = demo_gatt_file();
     std::unique_ptr<gatt_builder> builder;
     std::unique_ptr<gatt_walk> gatt;
+    std::size_t removed = 0;
     utils::scoped_link links;
     std::optional<std::pair<std::string, unsigned short>> central_link;
     utils::scoped_link pending_op;

@@ -20,8 +20,10 @@ namespace {
 using json = nlohmann::json;
 using property = gatt::characteristic::property;
 
-// A file is written by hand; anything bigger is a mistake.
+// A file is written by hand; anything bigger is a mistake. The bound on
+// services also bounds the depth of the inclusion check's recursion.
 constexpr std::size_t max_file_size = 1024 * 1024;
+constexpr std::size_t max_services = 256;
 
 [[noreturn]] void fail(std::string const& path, std::string const& problem) {
     throw gatt_file_error(path + ": " + problem);
@@ -320,8 +322,8 @@ gatt_file parse_gatt_file(std::string const& text) {
         fail("services", "missing");
     }
     auto const& list = array_at(document.at("services"), "services");
-    if (list.empty()) {
-        fail("services", "expected at least one service");
+    if (list.empty() || list.size() > max_services) {
+        fail("services", "expected 1 to " + std::to_string(max_services) + " services");
     }
     gatt_file file;
     for (std::size_t i = 0; i < list.size(); ++i) {

@@ -16,6 +16,14 @@ std::string with_services(std::string const& services) {
     return R"({"services": [)" + services + "]}";
 }
 
+std::string many_services(int count) {
+    std::string list = R"({"uuid": "180F"})";
+    for (int i = 1; i < count; ++i) {
+        list += R"(, {"uuid": "180F"})";
+    }
+    return list;
+}
+
 TEST(GattFile, AGoodFileGivesItsTreeWithTheDefaults) {
     auto const file = parse_gatt_file(with_services(R"(
         {"uuid": "180F", "includes": [1], "characteristics": [
@@ -51,6 +59,7 @@ TEST(GattFile, AGoodFileGivesItsTreeWithTheDefaults) {
     EXPECT_EQ(secondary.characteristics[0].value, (std::vector<unsigned char>{'h', 'i'}));
     // Only primary services with a 16-bit UUID are advertised.
     EXPECT_EQ(advertised_uuids(file), std::vector<unsigned short>{0x180F});
+    EXPECT_EQ(parse_gatt_file(with_services(many_services(256))).services.size(), 256u);
 }
 
 TEST(GattFile, EachBadEntryIsNamedWithWhy) {
@@ -62,7 +71,8 @@ TEST(GattFile, EachBadEntryIsNamedWithWhy) {
         {R"({"services": [)", "line 1, column 15: syntax error"},
         {R"([])", "(document): expected an object"},
         {R"({})", "services: missing"},
-        {R"({"services": []})", "services: expected at least one service"},
+        {R"({"services": []})", "services: expected 1 to 256 services"},
+        {with_services(many_services(257)), "services: expected 1 to 256 services"},
         {R"({"services": [], "extra": 1})", "(document).extra: unknown key"},
         {with_services("{}"), "services[0].uuid: missing"},
         {with_services(R"({"uuid": 180})"), "services[0].uuid: expected a string"},
