@@ -217,8 +217,18 @@ private:
             return;
         }
         removing = true;
-        auto const& handles =
-            builder && built ? builder->layout().services : std::vector<unsigned int>{};
+        // Also what an interrupted build has added so far; the build stops
+        // here.
+        std::vector<unsigned int> handles;
+        if (builder) {
+            for (auto const handle : builder->layout().services) {
+                if (handle != 0) {
+                    handles.push_back(handle);
+                }
+            }
+        }
+        session.reset();
+        builder.reset();
         if (handles.empty()) {
             return disable();
         }
