@@ -61,7 +61,7 @@ public:
         started = true;
         auto const& caps = ctx.client->get_capabilities();
         if (!caps.adv || !caps.connAdv) {
-            ctx.say("the interface offers no connectable advertising: no advertising step");
+            ctx.say("the interface offers no connectable advertising: no peripheral step");
             return finish_walk();
         }
         if (!caps.gattSrv) {

@@ -70,9 +70,9 @@ std::unique_ptr<task> make_serve_task(task_context context, gatt_file const& fil
 // properties and their changes, closes, frees the slot; then `done`.
 std::unique_ptr<task> make_connection_walk(task_context context, bt_ctrl::address const& peer,
                                            std::function<void()> done);
-// The demo's advertising step: listens, lets the simulated `central` scan
-// and connect, shows the connection that listen gave, closes it; then
-// `done`.
+// The demo's peripheral step: builds the demo's GATT database, listens,
+// lets the simulated `central` scan, connect, read, write, subscribe and be
+// notified, and disconnect; removes the database; then `done`.
 std::unique_ptr<task> make_advertising_walk(task_context context, bt_ctrl::address const& central,
                                             std::function<void()> done);
 
