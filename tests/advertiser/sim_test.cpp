@@ -26,16 +26,11 @@ unsigned short on_air(sim::simulated_radio& radio) {
 
 TEST_F(AdvSimTest, ASetStartsAnswersForItselfAndStops) {
     up();
+    std::vector<const_conn> unused;
     std::vector<const_adv> theirs;
-    auto other = create_bt_ctrl(loop, std::nullopt, host, port);
-    other->enable([](context_ptr const& context, std::error_code const&) {
-        if (context) {
-            context->finish("", [](std::string const&, std::error_code const&) {});
-        }
-    });
+    auto const other = second_client(unused);
     links.push_back(other->notify_on_new_advertiser(
         [&theirs](const_adv const& adv) { theirs.push_back(adv); }));
-    loop->run();
 
     auto const adv = client->create_advertiser();
     watch_adv(adv, "adv");
