@@ -57,7 +57,7 @@ public:
     void set_log(log_sink sink) { log = std::move(sink); }
 
     // The peer's operations; false when refused at once (see
-    // docs/simulator.md, Peers' GATT operations).
+    // docs/simulator-gatt.md, Peers' GATT operations).
     bool read(std::string const& interface, unsigned short connection, unsigned attribute,
               unsigned offset, att_handler done);
     bool write(std::string const& interface, unsigned short connection, unsigned attribute,

@@ -18,13 +18,14 @@ std::string const command = TAVRIN_COMMAND;
 std::string const central = "02:54:56:00:02:07-public";
 
 // The example configuration with a central that connects one second after
-// a connectable set goes on air.
-std::string config_with_central() {
+// a connectable set goes on air, with the keys `extra` adds.
+std::string config_with_central(std::string const& extra = "") {
     std::ifstream example(std::string(TAVRIN_SOURCE_DIR) + "/sim/example-config.json");
     std::string text((std::istreambuf_iterator<char>(example)), {});
     auto const end = text.rfind('}');
     text.insert(end, R"(, "centrals": [{"addr": {"type": "public", "mac": "02:54:56:00:02:07"},
-                                          "connectAfter": 1}])");
+                                          "connectAfter": 1)" +
+                         extra + "}]");
     auto const path =
         ::testing::TempDir() + "tavrin-centrals-" + std::to_string(getpid()) + ".json";
     std::ofstream(path) << text;
@@ -63,6 +64,25 @@ TEST(CommandAdvertising, AConnectableSetGivesTheCentralsConnection) {
                      "central       " + central, "stopping",
                      "connection state closed (reason: userRequested)"});
     expect_in_order(advertising.output(), {"advertiser stopped (reason: connectionOpened)"});
+    std::remove(config.c_str());
+}
+
+// The central's script runs on its connection, and the simulator prints
+// each step: here the database is empty, so each is skipped.
+TEST(CommandAdvertising, TheSimulatorPrintsWhatAScriptedCentralDoes) {
+    auto const config = config_with_central(
+        R"(, "gatt": [{"after": 1, "read": "2a19"}, {"after": 2, "subscribe": "2a19"}])");
+    auto const port = free_port();
+    sim_process sim(command, port, {"--config", config});
+    ASSERT_TRUE(sim.listening) << sim.output();
+    command_process advertising(command, {"advertise", "--connectable", "--ctrl", ctrl(port)});
+    std::string const level = "00002a19-0000-1000-8000-00805f9b34fb";
+    ASSERT_TRUE(sim.wait_for("subscribe " + level)) << sim.output();
+    EXPECT_EQ(advertising.interrupt(), 0);
+    expect_in_order(sim.output(), {"tavrin sim: peer hci0 connection 1: read " + level +
+                                       ": no such attribute (step skipped)",
+                                   "tavrin sim: peer hci0 connection 1: subscribe " + level +
+                                       ": no such attribute (step skipped)"});
     std::remove(config.c_str());
 }
 

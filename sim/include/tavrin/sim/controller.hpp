@@ -25,8 +25,9 @@
 // frame, by the timeouts of `limits`; the request log by its own bound, and
 // only when a test asks for it; reservations and connections by the
 // interface's slots and limits::max_queue, advertising data by their
-// limits on air. Each dropped client gets a log
-// line that says why.
+// limits on air; a peer's GATT operations waiting for answers and the
+// values it keeps by max_pending_operations and max_peer_values per
+// connection. Each dropped client gets a log line that says why.
 #pragma once
 
 #include <chrono>
