@@ -223,7 +223,9 @@ int main(int argc, char** argv) {
         "serve",
         "Build the GATT database of a file at the controller, advertise it connectably, serve "
         "each central that connects; stop on interrupt");
-    serve->add_option("--gatt", serve_file, "The database: services, characteristics, values")
+    serve
+        ->add_option("--gatt", serve_file,
+                     "The database: services, characteristics, values (format: docs/gatt-file.md)")
         ->type_name("FILE.json")
         ->required();
     serve->add_option("--name", serve_options.advertising.name, "Complete local name to advertise")
