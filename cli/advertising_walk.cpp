@@ -1,8 +1,11 @@
-// The demo's advertising step, one action at a time: listen (advertise
-// connectably with a connection waiting behind the advertiser), let a
-// virtual central scan the set and connect, show the connection that listen
-// gave, close it. Without the simulator in this process no central can be
-// made to connect, and the advertiser is stopped instead.
+// The demo's peripheral step, one action at a time: build a small GATT
+// database at the controller, listen (advertise connectably with a
+// connection waiting behind the advertiser), let a virtual central scan the
+// set and connect, show the connection that listen gave, and serve the
+// central's GATT operations until it disconnects (gatt_walk.cpp). Without
+// the simulator in this process no central can be made to connect, and the
+// advertiser is stopped instead; without a GATT server at the controller the
+// connection is closed once shown.
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -14,6 +17,9 @@
 #include "awaited_report.hpp"
 #include "conn_report.hpp"
 #include "embedded_sim.hpp"
+#include "gatt_builder.hpp"
+#include "gatt_report.hpp"
+#include "gatt_walk.hpp"
 #include "task.hpp"
 #include "tavrin/bt_ctrl/advertiser.hpp"
 #include "tavrin/bt_ctrl/connection.hpp"
@@ -55,15 +61,37 @@ public:
         started = true;
         auto const& caps = ctx.client->get_capabilities();
         if (!caps.adv || !caps.connAdv) {
-            ctx.say("the interface offers no connectable advertising: no advertising step");
+            ctx.say("the interface offers no connectable advertising: no peripheral step");
             return finish_walk();
         }
-        listen();
+        if (!caps.gattSrv) {
+            return listen();
+        }
+        build();
     }
 
 private:
+    void build() {
+        ctx.say(
+            "get_gatts(): add_service(), add_characteristic(), add_descriptor(), "
+            "enable_service(), then sync() to check the mirror: the demo's database at the "
+            "controller");
+        builder = std::make_unique<gatt_builder>(
+            ctx.client->get_gatts(), file, [this](std::string const& text) { ctx.say(text); },
+            [this](std::string const& failure) {
+                if (!failure.empty()) {
+                    return ctx.fail(failure);
+                }
+                asio::post(ctx.io, [this] {
+                    print_layout(ctx.out, builder->layout(), file, "  ");
+                    listen();
+                });
+            });
+        builder->start();
+    }
+
     void listen() {
-        adv_options const options{"tavrin demo", {0x180F}, 160, true};
+        adv_options const options{"tavrin demo", advertised_uuids(file), 160, true};
         auto const data = build_adv_data(options);
         ctx.say("create_advertiser() and create_connection(), then listen(): advertise " +
                 adv_data_text(data) + ", and let a central's connection open the connection");
@@ -75,6 +103,9 @@ private:
         });
         conn_lines = std::make_unique<connection_lines>(
             *conn, "  connection: ", say, [this](std::string const& kind) {
+                if (kind == "state" && gatt) {
+                    gatt->on_conn_state(conn->get_state());
+                }
                 waiting.reported(kind == "state" ? "connection " + bt_ctrl::connection::to_string(
                                                                        conn->get_state())
                                                  : kind);
@@ -107,6 +138,15 @@ private:
             return ctx.fail("the simulator has no advertising set on air");
         }
         auto const [interface, set] = sets.front();
+        // The handle of the central's connection at the controller, by which
+        // the simulator drives the central's GATT operations.
+        links = radio->on_link_change([this, name = interface](std::string const& where,
+                                                               unsigned short link,
+                                                               sim::radio::link_event what) {
+            if (where == name && what == sim::radio::link_event::opened) {
+                central_link = {where, link};
+            }
+        });
         ctx.say("a virtual central " + central.to_string() + " scans (simulated)");
         if (auto const seen = radio->central_scan(interface, set)) {
             ctx.out << "  scan: " << (seen->connectable ? "connectable" : "not connectable") << ", "
@@ -116,8 +156,7 @@ private:
         waiting.expect("connection opened", "the connection to open", [this] { show(); });
         sim::central who;
         who.address = central;
-        if (radio->central_connect(interface, set, who) !=
-            sim::central_result::connected) {
+        if (radio->central_connect(interface, set, who) != sim::central_result::connected) {
             ctx.fail("the central could not connect");
         }
     }
@@ -131,7 +170,13 @@ private:
                 }
                 ctx.out << "  connection: " << bt_ctrl::connection::to_string(conn->get_direction())
                         << " from " << peer.to_string() << ", MTU " << conn->get_mtu() << '\n';
-                close();
+                if (!builder || !central_link) {
+                    return close();
+                }
+                gatt = std::make_unique<gatt_walk>(ctx, ctx.sim->controller(), central_link->first,
+                                                   central_link->second, central, *conn,
+                                                   builder->layout(), [this] { finish_walk(); });
+                gatt->start();
             });
     }
 
@@ -142,12 +187,40 @@ private:
     }
 
     void finish_walk() {
+        gatt.reset();
+        links.release();
         adv_lines.reset();
         conn_lines.reset();
         conn.reset();
         adv.reset();
+        if (builder) {
+            return remove_database();
+        }
         // Not from inside a handler of the client.
         asio::post(ctx.io, done);
+    }
+
+    // The database belongs to the controller's interface and would outlive
+    // the demo; the services go one after the other.
+    void remove_database() {
+        auto const& services = builder->layout().services;
+        if (removed == services.size()) {
+            builder.reset();
+            return asio::post(ctx.io, done);
+        }
+        if (removed == 0) {
+            ctx.say(
+                "del_service() for each of the demo's services: the database leaves the "
+                "controller");
+        }
+        pending_op = ctx.client->get_gatts().del_service(
+            services[removed], [this](std::error_code const& ec) {
+                if (ec) {
+                    return ctx.fail("del_service failed: " + ec.message());
+                }
+                ++removed;
+                remove_database();
+            });
     }
 
     std::function<void(std::error_code const&)> checked(std::string const& what) {
@@ -166,6 +239,12 @@ private:
     std::shared_ptr<bt_ctrl::connection> conn;
     std::unique_ptr<advertiser_lines> adv_lines;
     std::unique_ptr<connection_lines> conn_lines;
+    gatt_file const file = demo_gatt_file();
+    std::unique_ptr<gatt_builder> builder;
+    std::unique_ptr<gatt_walk> gatt;
+    std::size_t removed = 0;
+    utils::scoped_link links;
+    std::optional<std::pair<std::string, unsigned short>> central_link;
     utils::scoped_link pending_op;
 };
 

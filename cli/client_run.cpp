@@ -274,6 +274,10 @@ private:
                 deadline.cancel();
                 job = make_advertise_task(context(), options.advertising);
                 return job->on_enabled();
+            case run_options::command::serve:
+                deadline.cancel();
+                job = make_serve_task(context(), options.database, options.advertising);
+                return job->on_enabled();
             case run_options::command::demo:
                 break;
         }
@@ -288,12 +292,12 @@ private:
     }
 
     void after_connections() {
-        waiting_for = "the advertising step";
+        waiting_for = "the peripheral step";
         job = make_advertising_walk(context(), central(), [this] { after_advertising(); });
         job->on_enabled();
     }
 
-    // The virtual central of the advertising step.
+    // The virtual central of the peripheral step.
     static bt_ctrl::address central() {
         return {bt_ctrl::addr_type::public_address, utils::mac_address("02:54:56:00:02:01")};
     }

@@ -1,6 +1,6 @@
-// The flow of the client commands (info, demo, watch, connect): enable a
-// client, show what the controller offers, finish the handshake, wait for
-// `enabled`, then do the command's task.
+// The flow of the client commands (info, demo, watch, connect, advertise,
+// serve): enable a client, show what the controller offers, finish the
+// handshake, wait for `enabled`, then do the command's task.
 #pragma once
 
 #include <chrono>
@@ -10,6 +10,7 @@
 
 #include "adv_report.hpp"
 #include "endpoint.hpp"
+#include "gatt_file.hpp"
 #include "tavrin/bt_ctrl/interface.hpp"
 
 namespace zelvo::tavrin::cli {
@@ -28,14 +29,17 @@ struct run_options {
     // changes, then a recovery and a clean stop. watch: a line for every
     // change until interrupted. connect: open a connection to `peer`, show
     // it, close it on interrupt. advertise: start advertising `advertising`,
-    // show its changes, stop on interrupt. For watch, connect and advertise
-    // the time limit ends when the client is enabled.
-    enum class command { info, demo, watch, connect, advertise };
+    // show its changes, stop on interrupt. serve: build `database`, listen
+    // with the name in `advertising`, serve each central, stop on
+    // interrupt. For watch, connect, advertise and serve the time limit
+    // ends when the client is enabled.
+    enum class command { info, demo, watch, connect, advertise, serve };
     command what = command::info;
     // The peer of demo and connect; the demo's default is the simulator's
     // first peer in this process, or the built-in configuration's.
     std::optional<bt_ctrl::address> peer;
     adv_options advertising;
+    gatt_file database;
     bool verbose = false;
 };
 

@@ -1,6 +1,6 @@
 // tavrin: the command-line tool. Without --ctrl, every client command (info,
-// demo, watch, connect, advertise) runs against a simulated controller inside this
-// process.
+// demo, watch, connect, advertise, serve) runs against a simulated controller
+// inside this process.
 #include <algorithm>
 #include <exception>
 #include <iostream>
@@ -15,6 +15,7 @@
 #include "client_run.hpp"
 #include "conn_report.hpp"
 #include "endpoint.hpp"
+#include "gatt_file.hpp"
 #include "sim_command.hpp"
 #include "tavrin/sim/config.hpp"
 #include "tavrin/version.hpp"
@@ -213,6 +214,24 @@ int main(int argc, char** argv) {
                         "Let a central connect, and show its connection");
     add_client_options(*advertise, advertise_ctrl, advertise_config, advertise_options);
 
+    cli::run_options serve_options;
+    serve_options.what = cli::run_options::command::serve;
+    std::optional<std::string> serve_ctrl;
+    std::optional<std::string> serve_config;
+    std::string serve_file;
+    auto* serve = app.add_subcommand(
+        "serve",
+        "Build the GATT database of a file at the controller, advertise it connectably, serve "
+        "each central that connects; stop on interrupt");
+    serve
+        ->add_option("--gatt", serve_file,
+                     "The database: services, characteristics, values (format: docs/gatt-file.md)")
+        ->type_name("FILE.json")
+        ->required();
+    serve->add_option("--name", serve_options.advertising.name, "Complete local name to advertise")
+        ->type_name("TEXT");
+    add_client_options(*serve, serve_ctrl, serve_config, serve_options);
+
     CLI11_PARSE(app, argc, argv);
 
     if (sim->parsed()) {
@@ -244,6 +263,18 @@ int main(int argc, char** argv) {
             return 1;
         }
         return client_command(advertise_options, advertise_ctrl, advertise_config);
+    }
+    if (serve->parsed()) {
+        try {
+            serve_options.database = cli::load_gatt_file(serve_file);
+            auto checked = serve_options.advertising;
+            checked.uuids = cli::advertised_uuids(serve_options.database);
+            cli::build_adv_data(checked);
+        } catch (std::exception const& failure) {
+            std::cerr << "tavrin: " << failure.what() << '\n';
+            return 1;
+        }
+        return client_command(serve_options, serve_ctrl, serve_config);
     }
     if (connect->parsed()) {
         connect_options.peer = cli::parse_address(connect_peer);

@@ -12,6 +12,7 @@
 #include <asio.hpp>
 
 #include "adv_report.hpp"
+#include "gatt_file.hpp"
 
 #include "tavrin/bt_ctrl/interface.hpp"
 
@@ -60,13 +61,18 @@ std::unique_ptr<task> make_connect_task(task_context context, bt_ctrl::address c
 // (listening through a connection when connectable), prints its changes and
 // a central's connection, and stops on interrupt.
 std::unique_ptr<task> make_advertise_task(task_context context, adv_options const& options);
+// `tavrin serve`: builds `file`'s database, listens with `options` (the
+// name; the file gives the services), serves each central that connects,
+// and on interrupt stops, removes the database and disables the client.
+std::unique_ptr<task> make_serve_task(task_context context, gatt_file const& file,
+                                      adv_options const& options);
 // The demo's connection step: reserves a slot, connects to `peer`, shows its
 // properties and their changes, closes, frees the slot; then `done`.
 std::unique_ptr<task> make_connection_walk(task_context context, bt_ctrl::address const& peer,
                                            std::function<void()> done);
-// The demo's advertising step: listens, lets the simulated `central` scan
-// and connect, shows the connection that listen gave, closes it; then
-// `done`.
+// The demo's peripheral step: builds the demo's GATT database, listens,
+// lets the simulated `central` scan, connect, read, write, subscribe and be
+// notified, and disconnect; removes the database; then `done`.
 std::unique_ptr<task> make_advertising_walk(task_context context, bt_ctrl::address const& central,
                                             std::function<void()> done);
 

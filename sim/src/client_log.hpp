@@ -32,6 +32,8 @@ public:
     void set_handler(handler sink, bool verbose);
     void dropped(std::string const& line);
     void verbose(std::string const& line);
+    // Always written: what peers do is bounded by what asks for it.
+    void note(std::string const& line) const { write(line); }
 
 private:
     void write(std::string const& line) const;

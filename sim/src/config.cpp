@@ -8,6 +8,8 @@
 
 #include "quorl/payload.hpp"
 #include "stravik/part_payload.hpp"
+#include "tavrin/gatt/uuid.hpp"
+#include "tavrin/misc/hex.hpp"
 #include "tavrin/utils/mac_address.hpp"
 #include "wire.hpp"
 
@@ -19,6 +21,8 @@ using nlohmann::json;
 
 char const* const default_vendor = "tavrin";
 char const* const default_part = "virtual LE radio";
+// The longest value a scripted write carries: the longest attribute value.
+constexpr std::size_t max_step_data = 512;
 // A bus frame's fixed header.
 constexpr std::size_t frame_header_size = 20;
 
@@ -101,13 +105,82 @@ peer read_peer(json const& value, std::string const& path) {
     return described;
 }
 
+// One step of a central's script: exactly one of "read", "write" and
+// "subscribe", naming an attribute by UUID; "after" (default 0), "data" and
+// "withResponse" for a write, "indications" for a subscription.
+gatt_step read_step(json const& value, std::string const& path) {
+    if (!value.is_object()) {
+        wire::fail(path, "expected an object");
+    }
+    refuse_unknown_keys(
+        value, path,
+        {"after", "read", "write", "subscribe", "data", "withResponse", "indications"});
+    gatt_step step;
+    std::string action;
+    for (auto const& [key, what] :
+         {std::pair{"read", gatt_step::action::read}, std::pair{"write", gatt_step::action::write},
+          std::pair{"subscribe", gatt_step::action::subscribe}}) {
+        if (!value.contains(key)) {
+            continue;
+        }
+        if (!action.empty()) {
+            wire::fail(path + "." + key, "a step does one of read, write and subscribe");
+        }
+        action = key;
+        step.what = what;
+        auto const text = wire::read_string(value.at(key), path + "." + key);
+        try {
+            step.type = gatt::uuid(text);
+        } catch (std::exception const&) {
+            wire::fail(path + "." + key, "expected a UUID of 4, 8 or 32 hexadecimal digits");
+        }
+    }
+    if (action.empty()) {
+        wire::fail(path, "expected one of read, write and subscribe");
+    }
+    auto const only_for = [&](char const* key, char const* wanted) {
+        if (value.contains(key) && action != wanted) {
+            wire::fail(path + "." + key, std::string("only for ") + wanted);
+        }
+    };
+    only_for("data", "write");
+    only_for("withResponse", "write");
+    only_for("indications", "subscribe");
+    if (value.contains("after")) {
+        step.after =
+            std::chrono::seconds(wire::read_integer(value.at("after"), path + ".after", 0, 86400));
+    }
+    if (value.contains("data")) {
+        auto const text = wire::read_string(value.at("data"), path + ".data");
+        try {
+            step.data = misc::from_hex_string<std::vector<unsigned char>>(text, "");
+        } catch (std::exception const&) {
+            wire::fail(path + ".data", "expected whole bytes of hexadecimal digits");
+        }
+        if (step.data.size() > max_step_data) {
+            wire::fail(path + ".data", "more than " + std::to_string(max_step_data) + " bytes");
+        }
+    }
+    auto const flag = [&](char const* key, bool& target) {
+        if (value.contains(key)) {
+            if (!value.at(key).is_boolean()) {
+                wire::fail(path + "." + key, "expected true or false");
+            }
+            target = value.at(key).get<bool>();
+        }
+    };
+    flag("withResponse", step.with_response);
+    flag("indications", step.indications);
+    return step;
+}
+
 // Every key but "addr" may be left out; without "connectAfter" the central
 // connects only when the C++ API asks it to.
 central read_central(json const& value, std::string const& path) {
     if (!value.is_object()) {
         wire::fail(path, "expected an object");
     }
-    refuse_unknown_keys(value, path, {"addr", "connectAfter", "phy", "mtu"});
+    refuse_unknown_keys(value, path, {"addr", "connectAfter", "phy", "mtu", "gatt"});
     if (!value.contains("addr")) {
         wire::fail(path + ".addr", "missing");
     }
@@ -123,6 +196,20 @@ central read_central(json const& value, std::string const& path) {
     if (value.contains("mtu")) {
         described.mtu = static_cast<unsigned short>(
             wire::read_integer(value.at("mtu"), path + ".mtu", 23, 517));
+    }
+    if (value.contains("gatt")) {
+        auto const& steps = value.at("gatt");
+        if (!steps.is_array()) {
+            wire::fail(path + ".gatt", "expected an array of steps");
+        }
+        if (steps.size() > gatt_step::max_steps) {
+            wire::fail(path + ".gatt",
+                       "more than " + std::to_string(gatt_step::max_steps) + " steps");
+        }
+        for (std::size_t i = 0; i < steps.size(); ++i) {
+            described.gatt.push_back(
+                read_step(steps[i], path + ".gatt[" + std::to_string(i) + "]"));
+        }
     }
     return described;
 }
@@ -360,6 +447,10 @@ void config::check() const {
         if (!address || !address.is_valid()) {
             wire::fail("centrals[" + std::to_string(i) + "].addr",
                        "not a valid address: " + address.to_string());
+        }
+        if (centrals[i].gatt.size() > gatt_step::max_steps) {
+            wire::fail("centrals[" + std::to_string(i) + "].gatt",
+                       "more than " + std::to_string(gatt_step::max_steps) + " steps");
         }
     }
     if (names.count(default_interface) == 0) {

@@ -80,7 +80,9 @@ public:
           clients(this->loop),
           resources(this->loop, *this->radio,
                     [this](std::string const& interface, std::string const& name,
-                           json const& body) { broadcast(interface, name, body); }) {}
+                           json const& body) { broadcast(interface, name, body); }) {
+        resources.peers().set_log([this](std::string const& line) { clients.note(line); });
+    }
 
     void watch_radio() {
         radio->use_loop(loop);
@@ -436,6 +438,34 @@ void controller::keep_request_log(std::size_t max_bytes) {
     if (max_bytes == 0) {
         clear_requests();
     }
+}
+
+bool controller::peer_read(std::string const& interface, unsigned short connection,
+                           unsigned int attribute, unsigned int offset, att_handler done) {
+    return self->resources.peers().read(interface, connection, attribute, offset, std::move(done));
+}
+
+bool controller::peer_write(std::string const& interface, unsigned short connection,
+                            unsigned int attribute, std::vector<unsigned char> const& data,
+                            unsigned int offset, bool with_response, att_handler done) {
+    return self->resources.peers().write(interface, connection, attribute, data, offset,
+                                         with_response, std::move(done));
+}
+
+bool controller::peer_subscribe(std::string const& interface, unsigned short connection,
+                                unsigned int characteristic, bool indications, att_handler done) {
+    return self->resources.peers().subscribe(interface, connection, characteristic, indications,
+                                             std::move(done));
+}
+
+std::vector<peer_value> controller::peer_values(std::string const& interface,
+                                                unsigned short connection) const {
+    return self->resources.peers().values(interface, connection);
+}
+
+std::vector<unsigned int> controller::find_attributes(std::string const& interface,
+                                                      gatt::uuid const& type) const {
+    return self->resources.peers().find(interface, type);
 }
 
 std::size_t controller::session_count() const {

@@ -39,6 +39,21 @@ std::variant<gatt_database::attribute const*, ctrl_error> gatt_database::get(uns
     return &found->second;
 }
 
+gatt_database::attribute const* gatt_database::find(unsigned handle) const {
+    auto const found = attributes.find(handle);
+    return found == attributes.end() ? nullptr : &found->second;
+}
+
+std::vector<unsigned> gatt_database::find(std::string const& uuid) const {
+    std::vector<unsigned> found;
+    for (auto const& [handle, entry] : attributes) {
+        if (entry.what != kind::service && entry.uuid == uuid) {
+            found.push_back(handle);
+        }
+    }
+    return found;
+}
+
 std::optional<ctrl_error> gatt_database::refuse_parent(unsigned parent, kind what) const {
     auto const found = attributes.find(parent);
     if (found == attributes.end()) {

@@ -95,6 +95,12 @@ public:
                            unsigned parent);
     outcome remove_descriptor(unsigned handle);
 
+    // The attribute of that handle, of any kind; null for none.
+    attribute const* find(unsigned handle) const;
+    // The characteristics and descriptors of that UUID (the 36-character
+    // form), in handle order.
+    std::vector<unsigned> find(std::string const& uuid) const;
+
     // Forgets every attribute; handles go on from where they were.
     void clear() { attributes.clear(); }
 

@@ -9,7 +9,10 @@ namespace zelvo::tavrin::sim {
 using nlohmann::json;
 
 model::model(std::shared_ptr<utils::event_loop> loop, sim::radio& radio, event_sink sink)
-    : loop(std::move(loop)), radio(radio), sink(std::move(sink)) {
+    : loop(std::move(loop)),
+      radio(radio),
+      sink(std::move(sink)),
+      peer_operations(this->loop, *this, radio) {
     link_watch = radio.on_link_change(
         [this, weak = std::weak_ptr<int>(alive)](std::string const& interface, unsigned short link,
                                                  radio::link_event what) {

@@ -31,6 +31,7 @@
 
 #include "adv_data.hpp"
 #include "gatt_database.hpp"
+#include "peer_gatt.hpp"
 #include "tavrin/bt_ctrl/address.hpp"
 #include "tavrin/bt_ctrl/advertiser.hpp"
 #include "tavrin/bt_ctrl/connection.hpp"
@@ -227,9 +228,19 @@ public:
     // The interface's GATT server database: it outlives the sessions, and
     // is emptied when the interface leaves `enabled`.
     gatt_database& database(std::string const& interface);
+    // Null for an interface that has none yet.
+    gatt_database const* find_database(std::string const& interface) const;
     // "gattsDbUpdated" with the handles, to every session bound to the
     // interface; nothing when there are none.
     void database_changed(std::string const& interface, std::set<unsigned> const& handles);
+
+    // The peers' side of the GATT server on each connection.
+    peer_gatt& peers() { return peer_operations; }
+    peer_gatt const& peers() const { return peer_operations; }
+
+    // Sends the event to every session bound to the interface, after the
+    // reply of the request being handled, if any.
+    void emit(std::string const& interface, std::string const& name, nlohmann::json body);
 
     // The interface left `enabled`: every advertiser stops and every
     // connection ends with interfaceUnavailable; the GATT server database
@@ -257,7 +268,6 @@ private:
     std::optional<unsigned short> reserve_quietly(std::string const& interface,
                                                   reservation const& claim);
 
-    void emit(std::string const& interface, std::string const& name, nlohmann::json body);
     void flush();
     void free_counts_changed(std::string const& interface, free_counts before);
     // "connPending", "connOpening", "connOpened" or "connClosing", as the
@@ -298,6 +308,7 @@ private:
     event_sink sink;
     std::map<std::string, interface_state> interfaces;
     std::map<std::string, gatt_database> databases;
+    peer_gatt peer_operations;
     std::size_t max_queue = default_max_queue;
     unsigned long next_slot_order = 0;
     unsigned deferrals = 0;

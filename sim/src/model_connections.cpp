@@ -218,6 +218,7 @@ void model::closed(std::string const& interface, unsigned short handle, close_re
         found->second.guarantee->stop();
     }
     state.connections.erase(found);
+    peer_operations.ended(interface, handle);
     state.queue.erase(std::remove(state.queue.begin(), state.queue.end(), handle),
                       state.queue.end());
     // A stopped advertiser is kept only for the connection it gave.
@@ -301,6 +302,7 @@ void model::interface_down(std::string const& interface) {
         if (entry.linked) {
             radio.close_link(interface, handle);
         }
+        peer_operations.ended(interface, handle);
         emit(interface, "connClosed",
              {{"connHandle", handle},
               {"reason", bt_ctrl::connection::to_string(close_reason::interface_unavailable)}});
@@ -359,6 +361,7 @@ void model::on_link(std::string const& interface, unsigned short link, radio::li
                     emit(interface, "connParams",
                          {{"connHandle", link}, {"connParams", params_json(status->params)}});
                 }
+                peer_operations.opened(interface, link);
             }
             return;
         case event::closed:

@@ -99,6 +99,7 @@ handler_table const& table() {
         add_advertiser_requests(all);
         add_advertiser_property_requests(all);
         add_gatt_requests(all);
+        add_peer_gatt_requests(all);
         return all;
     }();
     return handlers;

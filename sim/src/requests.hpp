@@ -53,6 +53,7 @@ void add_connection_property_requests(handler_table& handlers);
 void add_advertiser_requests(handler_table& handlers);
 void add_advertiser_property_requests(handler_table& handlers);
 void add_gatt_requests(handler_table& handlers);
+void add_peer_gatt_requests(handler_table& handlers);
 
 // Shared checks, in the order every request on a bound interface makes
 // them: the body's shape first (malformed_request), then the session's

@@ -83,10 +83,19 @@ central_result simulated_radio::central_connect(std::string const& interface, un
     entry.now.open = true;
     entry.now.phy = caps.connPhys.count(who.phy) != 0 ? who.phy : bt_ctrl::phy::m1;
     entry.now.mtu = std::min(who.mtu, caps.maxMtuSize);
+    // A script is bounded as a config's is: the steps beyond are left out.
+    auto const steps = std::min<std::size_t>(who.gatt.size(), gatt_step::max_steps);
+    entry.script.assign(who.gatt.begin(), who.gatt.begin() + static_cast<std::ptrdiff_t>(steps));
     report(key, link_event::opening);
     report(key, link_event::opened);
     report_set({interface, set}, advertising_event::connected);
     return central_result::connected;
+}
+
+std::vector<gatt_step> simulated_radio::central_script(std::string const& interface,
+                                                       unsigned short link) const {
+    auto const found = links.find({interface, link});
+    return found == links.end() ? std::vector<gatt_step>{} : found->second.script;
 }
 
 std::optional<scan_report> simulated_radio::central_scan(std::string const& interface,
@@ -108,7 +117,8 @@ std::vector<std::pair<std::string, unsigned short>> simulated_radio::advertising
 }
 
 bool simulated_radio::add_central(sim::central const& description) {
-    if (centrals.size() >= central::max_centrals) {
+    if (centrals.size() >= central::max_centrals ||
+        description.gatt.size() > gatt_step::max_steps) {
         return false;
     }
     centrals.push_back({description, false, nullptr});

@@ -1,6 +1,6 @@
 // The command's advertising over real TCP: `tavrin advertise` against
 // `tavrin sim` in another process, plain and connectable with a central of
-// the simulator's configuration connecting; the demo's advertising step;
+// the simulator's configuration connecting; the demo's peripheral step;
 // the checks of the options.
 #include <gtest/gtest.h>
 
@@ -18,13 +18,14 @@ std::string const command = TAVRIN_COMMAND;
 std::string const central = "02:54:56:00:02:07-public";
 
 // The example configuration with a central that connects one second after
-// a connectable set goes on air.
-std::string config_with_central() {
+// a connectable set goes on air, with the keys `extra` adds.
+std::string config_with_central(std::string const& extra = "") {
     std::ifstream example(std::string(TAVRIN_SOURCE_DIR) + "/sim/example-config.json");
     std::string text((std::istreambuf_iterator<char>(example)), {});
     auto const end = text.rfind('}');
     text.insert(end, R"(, "centrals": [{"addr": {"type": "public", "mac": "02:54:56:00:02:07"},
-                                          "connectAfter": 1}])");
+                                          "connectAfter": 1)" +
+                         extra + "}]");
     auto const path =
         ::testing::TempDir() + "tavrin-centrals-" + std::to_string(getpid()) + ".json";
     std::ofstream(path) << text;
@@ -66,17 +67,61 @@ TEST(CommandAdvertising, AConnectableSetGivesTheCentralsConnection) {
     std::remove(config.c_str());
 }
 
-TEST(CommandAdvertising, TheDemoShowsTheConnectionThatListenGave) {
+// The central's script runs on its connection, and the simulator prints
+// each step: here the database is empty, so each is skipped.
+TEST(CommandAdvertising, TheSimulatorPrintsWhatAScriptedCentralDoes) {
+    auto const config = config_with_central(
+        R"(, "gatt": [{"after": 1, "read": "2a19"}, {"after": 2, "subscribe": "2a19"}])");
+    auto const port = free_port();
+    sim_process sim(command, port, {"--config", config});
+    ASSERT_TRUE(sim.listening) << sim.output();
+    command_process advertising(command, {"advertise", "--connectable", "--ctrl", ctrl(port)});
+    std::string const level = "00002a19-0000-1000-8000-00805f9b34fb";
+    ASSERT_TRUE(sim.wait_for("subscribe " + level)) << sim.output();
+    EXPECT_EQ(advertising.interrupt(), 0);
+    expect_in_order(sim.output(), {"tavrin sim: peer hci0 connection 1: read " + level +
+                                       ": no such attribute (step skipped)",
+                                   "tavrin sim: peer hci0 connection 1: subscribe " + level +
+                                       ": no such attribute (step skipped)"});
+    std::remove(config.c_str());
+}
+
+// The demo's peripheral step: its database at the controller, advertised;
+// the central's connection that listen gave, and what the central and the
+// server each see of a read, a write, a subscription and a notification.
+TEST(CommandAdvertising, TheDemoServesTheCentralThatListenGave) {
     command_process demo(command, {"demo"});
     ASSERT_EQ(demo.wait_end(), 0) << demo.output();
     expect_in_order(
         demo.output(),
-        {"released      the connection slot", "* create_advertiser()", "  advertiser started",
-         "* the central connects (simulated)", "  connection: state opened (incoming",
-         "  advertiser stopped (reason: "
-         "connectionOpened)",
-         "  connection: incoming from 02:54:56:00:02:01-public", "* close()",
-         "  connection: state closed", "restarts interface hci0", "stopped cleanly"});
+        {"released      the connection slot",
+         "* get_gatts(): add_service()",
+         "  service 180f [1]",
+         "    characteristic 2a19 [3] read notify, value 64",
+         "      descriptor 2902 [4] read write",
+         "* create_advertiser()",
+         "services 180F, name \"tavrin demo\"",
+         "  advertiser started",
+         "* the central connects (simulated)",
+         "  connection: state opened (incoming",
+         "  advertiser stopped (reason: connectionOpened)",
+         "  connection: incoming from 02:54:56:00:02:01-public",
+         "* the central reads the battery level",
+         "  read          2a19 [3]: 64",
+         "  central sees success 64",
+         "* the central writes 74617672696E \"tavrin\"",
+         "  write         7a0e1001-5c2b-4f6e-9d3a-1b2c3d4e5f60 [5]: 74617672696E \"tavrin\"",
+         "  central sees success",
+         "* the central subscribes",
+         "  subscribe     2a19 [3]: notifications",
+         "  central sees success",
+         "* the battery level drops",
+         "  notify        2a19 [3]: 63",
+         "  central sees a notification of [3]: 63",
+         "* the central disconnects (simulated)",
+         "  connection: state closed",
+         "restarts interface hci0",
+         "stopped cleanly"});
 }
 
 TEST(CommandAdvertising, OptionsAreChecked) {

@@ -259,7 +259,8 @@ TEST(Command, ArgumentsAreCheckedBeforeAnythingRuns) {
     } const refused[] = {
         {"bogus",
          "unknown subcommand \"bogus\" (the subcommands are sim, info, demo, watch, connect, "
-         "advertise)"},
+         "advertise, serve)"},
+        {"serve", "--gatt is required"},
         {"", "A subcommand is required"},
         {"info bogus", "not expected: bogus"},
         {"info --time-limit abc", "--time-limit: \"abc\" is not a whole number"},

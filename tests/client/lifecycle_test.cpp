@@ -170,6 +170,8 @@ TEST_F(ClientTest, AMalformedHandshakeReplyIsToldInOurWords) {
     };
     std::string const start = "the controller's handshake reply was malformed: ";
     std::string const ok = R"({"version": "1", "apiVersion": "1"})";
+    std::string const tx = "not a number from -128 to 127";
+    std::string const u16 = "not a number from 0 to 65535";
     row const rows[] = {
         {"[1]", "", start + "it is not an object"},
         {"{", "", start + "it is not JSON nested at most 64 levels deep"},
@@ -194,18 +196,30 @@ TEST_F(ClientTest, AMalformedHandshakeReplyIsToldInOurWords) {
         {"caps scan", "", start + "'ifs/hci0/caps/scan' is not true or false"},
         {"caps scanPhys", "", start + "'ifs/hci0/caps/scanPhys' is not a list of words"},
         {"caps addrTypes", "", start + "'ifs/hci0/caps/addrTypes' is not a list"},
+        // Numbers from the controller are truncated toward zero; one out of
+        // its field's range is refused.
+        {"caps maxTxPower 128.0", "", start + "'ifs/hci0/caps/maxTxPower' is " + tx},
+        {"caps maxTxPower -129.0", "", start + "'ifs/hci0/caps/maxTxPower' is " + tx},
+        {"caps maxMtuSize 65536.0", "", start + "'ifs/hci0/caps/maxMtuSize' is " + u16},
+        {"caps maxMtuSize -1.0", "", start + "'ifs/hci0/caps/maxMtuSize' is " + u16},
+        {"caps gattServerCharValueMaxLen 1e300", "",
+         start + "'ifs/hci0/caps/gattServerCharValueMaxLen' is " + u16},
         {ok, "[]",
          "the controller's reply to the handshake's finish was malformed: it is not an object"},
         {ok, R"({"if": 0})",
          "the controller's reply to the handshake's finish was malformed: 'if' is not a string"},
     };
     for (auto const& r : rows) {
-        // Each "caps KEY" row spoils one key of otherwise good capabilities.
+        // Each "caps KEY [NUMBER]" row spoils one key of otherwise good
+        // capabilities.
         auto start_body = r.start_body;
         if (start_body.rfind("caps ", 0) == 0) {
             auto caps = ScriptedTest::caps();
-            auto const key = start_body.substr(5);
-            caps[key] = key == "scanPhys" ? json{1} : json("x");
+            auto const key = start_body.substr(5, start_body.find(' ', 5) - 5);
+            auto const number = start_body.substr(5 + key.size());
+            caps[key] = !number.empty()     ? json::parse(number)
+                        : key == "scanPhys" ? json{1}
+                                            : json("x");
             start_body = json{{"version", "1"},
                               {"apiVersion", "1"},
                               {"ifs", {{"hci0", {{"vendor", "v"}, {"part", "p"}, {"caps", caps}}}}}}
@@ -244,6 +258,30 @@ TEST_F(ClientTest, AMalformedHandshakeReplyIsToldInOurWords) {
         // the client goes: the client goes first.
         client.reset();
     }
+}
+
+// Numbers from the controller are truncated toward zero, in every numeric
+// capability.
+TEST_F(ScriptedTest, CapabilityNumbersAreTruncatedTowardZero) {
+    interface_caps = caps({{"maxTxPower", -128.9},
+                           {"maxMtuSize", 247.5},
+                           {"gattClientCharValueMaxLen", 100.99},
+                           {"gattClientDescValueMaxLen", 101},
+                           {"gattServerDescValueMaxLen", 0.5},
+                           {"gattServerCharValueMaxLen", 65535.9}});
+    serve_script();
+    make_client();
+    context_ptr context;
+    client->enable(on("enable", &context));
+    loop->run();
+    ASSERT_TRUE(context);
+    auto const& got_caps = context->get_interfaces().at("hci0").caps;
+    EXPECT_EQ(int(got_caps.maxTxPower), -128);
+    EXPECT_EQ(got_caps.maxMtuSize, 247);
+    EXPECT_EQ(got_caps.gattClientCharValueMaxLen, 100);
+    EXPECT_EQ(got_caps.gattClientDescValueMaxLen, 101);
+    EXPECT_EQ(got_caps.gattServerDescValueMaxLen, 0);
+    EXPECT_EQ(got_caps.gattServerCharValueMaxLen, 65535);
 }
 
 // Each stage leaves one handler pending: enable's while connecting or

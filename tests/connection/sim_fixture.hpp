@@ -26,8 +26,6 @@ class SimFlowTest : public ConnTest {
 protected:
     // The built-in config's peer, which accepts after a second on 2M.
     static bt_ctrl::address nearby() { return peer("02:54:56:00:01:01"); }
-    // An address no peer has: a connection to it waits.
-    static bt_ctrl::address absent() { return peer("02:54:56:00:01:99"); }
 
     // The built-in config with `connections` slots on hci0.
     static sim::config with_slots(unsigned connections) {

@@ -53,11 +53,28 @@ public:
         bus.set_event_handler("ifStatusChanged", [this](auto const& event) {
             events.push_back(stravik_part_payload::from_bytes<json>(event->payload).dump());
         });
-        for (char const* name :
-             {"freeResvsChanged", "advsChanged", "connsChanged", "connMtu", "connPhy", "connParams",
-              "connPending", "connOpening", "connOpened", "connClosing", "connClosed", "advPending",
-              "advStarting", "advStarted", "advStopping", "advStopped", "advDataChanged",
-              "gattsDbUpdated"}) {
+        for (char const* name : {"freeResvsChanged",
+                                 "advsChanged",
+                                 "connsChanged",
+                                 "connMtu",
+                                 "connPhy",
+                                 "connParams",
+                                 "connPending",
+                                 "connOpening",
+                                 "connOpened",
+                                 "connClosing",
+                                 "connClosed",
+                                 "advPending",
+                                 "advStarting",
+                                 "advStarted",
+                                 "advStopping",
+                                 "advStopped",
+                                 "advDataChanged",
+                                 "gattsDbUpdated",
+                                 "gattsCharValueRead",
+                                 "gattsDescValueRead",
+                                 "gattsCharValueWrite",
+                                 "gattsDescValueWrite"}) {
             bus.set_event_handler(name, [this, name](auto const& event) {
                 std::string body;
                 try {

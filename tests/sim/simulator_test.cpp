@@ -61,7 +61,7 @@ TEST_F(SimTest, RequestsOutOfTurnOrOfTheWrongShapeAreRefusedWithTheirCodes) {
              {"finish twice", {start, finish, {"hdshkFinish", nullptr, "app 37"}}},
              {"restart unbinds", {start, finish, start, unbound}},
              {"unknown interface", {start, {"hdshkFinish", {{"if", "hci7"}}, "app 6"}, finish}},
-             {"unserved name", {{"gattsCharValueSetNotify", json::object(), "app 2"}}},
+             {"unserved name", {{"scanStart", json::object(), "app 2"}}},
              {"short clientID", {{"hdshkStart", {{"clientID", "0A1B"}}, "app 5"}}},
              {"lower-case clientID",
               {{"hdshkStart", {{"clientID", std::string(32, 'a')}}, "app 5"}}},

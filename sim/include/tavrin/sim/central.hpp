@@ -9,6 +9,7 @@
 
 #include "tavrin/bt_ctrl/address.hpp"
 #include "tavrin/bt_ctrl/interface.hpp"
+#include "tavrin/sim/peer_gatt.hpp"
 
 namespace zelvo::tavrin::sim {
 
@@ -25,6 +26,9 @@ struct central {
     // offers it, else 1M) and its MTU (bounded by the interface's).
     bt_ctrl::phy phy = bt_ctrl::phy::m1;
     unsigned short mtu = 247;
+    // What it does on each connection it opens, in order of `after`; at
+    // most gatt_step::max_steps.
+    std::vector<gatt_step> gatt{};
 };
 
 // One advertising set as a central's scan finds it. The data are AD

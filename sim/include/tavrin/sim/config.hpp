@@ -66,7 +66,8 @@ struct config {
     // non-empty and unique, every address is a valid public or random one,
     // no interface has more than slots::max_per_type slots of a type, peers
     // have valid and distinct addresses and number at most peer::max_peers,
-    // centrals have valid addresses and number at most central::max_centrals,
+    // centrals have valid addresses, number at most central::max_centrals
+    // and have scripts of at most gatt_step::max_steps,
     // default_interface names one of them, and the handshake's reply fits in
     // max_message.
     void check() const;

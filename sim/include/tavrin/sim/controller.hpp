@@ -25,8 +25,9 @@
 // frame, by the timeouts of `limits`; the request log by its own bound, and
 // only when a test asks for it; reservations and connections by the
 // interface's slots and limits::max_queue, advertising data by their
-// limits on air. Each dropped client gets a log
-// line that says why.
+// limits on air; a peer's GATT operations waiting for answers and the
+// values it keeps by max_pending_operations and max_peer_values per
+// connection. Each dropped client gets a log line that says why.
 #pragma once
 
 #include <chrono>
@@ -40,8 +41,10 @@
 #include <vector>
 
 #include "tavrin/bt_ctrl/interface.hpp"
+#include "tavrin/gatt/uuid.hpp"
 #include "tavrin/sim/config.hpp"
 #include "tavrin/sim/ctrl_error.hpp"
+#include "tavrin/sim/peer_gatt.hpp"
 #include "tavrin/sim/radio.hpp"
 #include "tavrin/sim/simulated_radio.hpp"
 #include "tavrin/utils/connection.hpp"
@@ -118,8 +121,41 @@ public:
     // oversized message, slow reader, idle, too many sessions, too many
     // waiting replies. At most ten such lines a second; the rest are counted
     // in one line when the second is over. With `verbose`, also a line per
-    // accepted and per closed client. Lines have no newline.
+    // accepted and per closed client. Every peer's GATT operation, its
+    // outcome and each value pushed to a peer get a line too, starting
+    // "peer INTERFACE connection N: ". Lines have no newline.
     void set_log_handler(log_handler handler, bool verbose = false);
+
+    // Peers' GATT operations: the device at the other end of an open
+    // connection reads, writes and subscribes, as its central would. Each is
+    // false when refused at once, and changes nothing then: no open
+    // connection of that handle; no characteristic or descriptor of that
+    // handle in an enabled service; already max_pending operations waiting;
+    // for a write, more data than the MTU less 3 takes, or a descriptor
+    // written without a response; for a subscription, a characteristic
+    // without a configuration descriptor (UUID 0x2902). Otherwise the
+    // clients of the interface get the event, and `done` (may be empty) runs
+    // once, on a later turn, with the client's answer, "timeout" after 30 s
+    // without one, or "disconnected" when the connection ends first. A write
+    // without a response completes "success" at once.
+    bool peer_read(std::string const& interface, unsigned short connection, unsigned int attribute,
+                   unsigned int offset, att_handler done);
+    bool peer_write(std::string const& interface, unsigned short connection, unsigned int attribute,
+                    std::vector<unsigned char> const& data, unsigned int offset, bool with_response,
+                    att_handler done);
+    // Writes the characteristic's configuration descriptor: 01 00 for
+    // notifications, 02 00 for indications. The subscription holds once the
+    // client answers the write "success".
+    bool peer_subscribe(std::string const& interface, unsigned short connection,
+                        unsigned int characteristic, bool indications, att_handler done);
+    // The notifications and indications that reached the peer on the open
+    // connection, oldest first; the last 64 are kept.
+    std::vector<peer_value> peer_values(std::string const& interface,
+                                        unsigned short connection) const;
+    // The characteristics and descriptors of that type in the interface's
+    // database, in handle order.
+    std::vector<unsigned int> find_attributes(std::string const& interface,
+                                              gatt::uuid const& type) const;
 
     // Introspection, for tests.
     std::size_t session_count() const;

@@ -73,10 +73,15 @@ public:
     // What a central's scan finds of the set; empty when none of that handle
     // is on air on the interface.
     std::optional<scan_report> central_scan(std::string const& interface, unsigned short set) const;
+    // The GATT script of the central that opened the link; empty for a link
+    // the controller opened, or one no longer known.
+    std::vector<gatt_step> central_script(std::string const& interface, unsigned short link) const;
     // The sets on air, by interface and handle.
     std::vector<std::pair<std::string, unsigned short>> advertising_sets() const;
     // A central with a delay waits for a connectable set from now on; false
-    // beyond central::max_centrals.
+    // beyond central::max_centrals, or for a script of more than
+    // gatt_step::max_steps. central_connect() runs the first max_steps
+    // steps of a longer script.
     bool add_central(sim::central const& description);
 
     // Peers. add_peer replaces one of the same address, and starts the links
@@ -102,6 +107,8 @@ private:
         bool reached = false;
         link_status now;
         std::shared_ptr<utils::timer> accept;
+        // The script of the central that opened it.
+        std::vector<gatt_step> script;
     };
 
     config::interface const* find(std::string const& name) const;
