@@ -210,8 +210,8 @@ int main(int argc, char** argv) {
             ok = ok && r.best.ns_per_operation <= target_ns;
         }
         std::printf(
-            "(answers the controller refused: %zu of %zu; the simulator serves no peers'\n"
-            "values, and its refusal is handled outside the window)\n",
+            "(answers the simulator refused: %zu of %zu, their attribute being in no database\n"
+            "there; its replies are handled outside the window)\n",
             failed, answered);
         std::printf("targets: at most 5 us per operation: %s\n", ok ? "yes" : "NO");
     } catch (std::exception const& e) {
