@@ -12,6 +12,7 @@
 
 #include "requests.hpp"
 #include "tavrin/misc/hex.hpp"
+#include "values/gatt_proto_words.hpp"
 
 namespace zelvo::tavrin::sim::requests {
 
@@ -20,38 +21,6 @@ namespace {
 using nlohmann::json;
 using kind = gatt_database::kind;
 using operation = peer_gatt::operation;
-
-// The words of the ATT status a client answers with.
-std::set<std::string> const& status_words() {
-    static std::set<std::string> const words = {
-        "success",
-        "invalidHandle",
-        "readNotPermitted",
-        "writeNotPermitted",
-        "invalidPdu",
-        "insufficientAuthentication",
-        "requestNotSupported",
-        "invalidOffset",
-        "insufficientAuthorization",
-        "prepareQueueFull",
-        "attributeNotFound",
-        "attributeNotLong",
-        "insufficientEncryptionKeySize",
-        "invalidAttributeValueLength",
-        "unlikelyError",
-        "insufficientEncryption",
-        "unsupportedGroupType",
-        "insufficientResources",
-        "databaseOutOfSync",
-        "valueNotAllowed",
-        "writeRequestRejected",
-        "cccdImproperlyConfigured",
-        "procedureAlreadyInProgress",
-        "outOfRange",
-        "unknown",
-    };
-    return words;
-}
 
 // What a request names, once its checks have passed.
 struct named {
@@ -89,7 +58,7 @@ std::variant<named, ctrl_error> check(std::optional<json> const& body, context c
     }
     if (keys.count("status") != 0 &&
         (!body->at("status").is_string() ||
-         status_words().count(body->at("status").get<std::string>()) == 0)) {
+         !impl::gatt_proto_of(body->at("status").get<std::string>()))) {
         return ctrl_error::malformed_request;
     }
     if (keys.count("responseNeeded") != 0 && !body->at("responseNeeded").is_boolean()) {

@@ -7,6 +7,7 @@
 
 #include "tavrin/misc/hex.hpp"
 #include "tavrin/misc/link_handler.hpp"
+#include "values/gatt_proto_words.hpp"
 
 namespace zelvo::tavrin::impl {
 
@@ -17,36 +18,6 @@ using json = nlohmann::json;
 char const* const primary_words = "Failed to process GATTS (conn) primary handler";
 char const* const secondary_words = "Failed to process GATTS (conn) secondary handler";
 char const* const default_words = "Failed to process GATTS (conn) default handler";
-
-// The status words, by the enumerator's value.
-char const* const status_words[] = {
-    "success",
-    "invalidHandle",
-    "readNotPermitted",
-    "writeNotPermitted",
-    "invalidPdu",
-    "insufficientAuthentication",
-    "requestNotSupported",
-    "invalidOffset",
-    "insufficientAuthorization",
-    "prepareQueueFull",
-    "attributeNotFound",
-    "attributeNotLong",
-    "insufficientEncryptionKeySize",
-    "invalidAttributeValueLength",
-    "unlikelyError",
-    "insufficientEncryption",
-    "unsupportedGroupType",
-    "insufficientResources",
-    "databaseOutOfSync",
-    "valueNotAllowed",
-    "writeRequestRejected",
-    "cccdImproperlyConfigured",
-    "procedureAlreadyInProgress",
-    "outOfRange",
-    "unknown",
-};
-static_assert(std::size(status_words) == static_cast<std::size_t>(error::gatt_proto::unknown) + 1);
 
 // The texts and names of the sending operations, made once: an answer is on
 // the path of every peer's read and write.
@@ -79,11 +50,7 @@ std::error_code bt_ctrl::connection::gatts::check() const {
 }
 
 std::string bt_ctrl::connection::gatts::to_string(error::gatt_proto status) {
-    auto const value = static_cast<std::size_t>(status);
-    if (value >= std::size(status_words)) {
-        throw std::logic_error("Unknown GATT proto error");
-    }
-    return status_words[value];
+    return to_word(status);
 }
 
 // Registration.
