@@ -63,63 +63,42 @@ gatts::descriptor_write_handler noting(note_fn const& n) {
     };
 }
 
+// A kind from its event and its three registrations.
+template <typename H>
+kind make_kind(std::string const& event, json const& keys,
+               utils::link (gatts::*exact)(unsigned int, H const&),
+               utils::link (gatts::*selected)(gatts::predicate const&, H const&),
+               utils::link (gatts::*fallback)(H const&)) {
+    return {event, keys,
+            [exact](gatts& g, unsigned int h, note_fn n) { return (g.*exact)(h, noting<H>(n)); },
+            [selected](gatts& g, gatts::predicate p, note_fn n) {
+                return (g.*selected)(p, noting<H>(n));
+            },
+            [fallback](gatts& g, note_fn n) { return (g.*fallback)(noting<H>(n)); }};
+}
+
 std::vector<kind> const& kinds() {
-    static std::vector<kind> const all = [] {
-        std::vector<kind> made(4);
-        made[0] = {
-            "gattsCharValueRead",
-            {{"offset", 2}},
-            [](gatts& g, unsigned int h, note_fn n) {
-                return g.set_characteristic_value_read_handler(h, noting<gatts::read_handler>(n));
-            },
-            [](gatts& g, gatts::predicate p, note_fn n) {
-                return g.set_characteristic_value_read_handler(p, noting<gatts::read_handler>(n));
-            },
-            [](gatts& g, note_fn n) {
-                return g.set_characteristic_value_read_handler(noting<gatts::read_handler>(n));
-            }};
-        made[1] = {
-            "gattsDescValueRead",
-            {{"offset", 2}},
-            [](gatts& g, unsigned int h, note_fn n) {
-                return g.set_descriptor_value_read_handler(h, noting<gatts::read_handler>(n));
-            },
-            [](gatts& g, gatts::predicate p, note_fn n) {
-                return g.set_descriptor_value_read_handler(p, noting<gatts::read_handler>(n));
-            },
-            [](gatts& g, note_fn n) {
-                return g.set_descriptor_value_read_handler(noting<gatts::read_handler>(n));
-            }};
-        made[2] = {"gattsCharValueWrite",
-                   {{"offset", 2}, {"responseNeeded", false}, {"data", "0aff"}},
-                   [](gatts& g, unsigned int h, note_fn n) {
-                       return g.set_characteristic_value_write_handler(
-                           h, noting<gatts::characteristic_write_handler>(n));
-                   },
-                   [](gatts& g, gatts::predicate p, note_fn n) {
-                       return g.set_characteristic_value_write_handler(
-                           p, noting<gatts::characteristic_write_handler>(n));
-                   },
-                   [](gatts& g, note_fn n) {
-                       return g.set_characteristic_value_write_handler(
-                           noting<gatts::characteristic_write_handler>(n));
-                   }};
-        made[3] = {"gattsDescValueWrite",
-                   {{"offset", 2}, {"data", "0aff"}},
-                   [](gatts& g, unsigned int h, note_fn n) {
-                       return g.set_descriptor_value_write_handler(
-                           h, noting<gatts::descriptor_write_handler>(n));
-                   },
-                   [](gatts& g, gatts::predicate p, note_fn n) {
-                       return g.set_descriptor_value_write_handler(
-                           p, noting<gatts::descriptor_write_handler>(n));
-                   },
-                   [](gatts& g, note_fn n) {
-                       return g.set_descriptor_value_write_handler(
-                           noting<gatts::descriptor_write_handler>(n));
-                   }};
-        return made;
-    }();
+    using read = gatts::read_handler;
+    using char_write = gatts::characteristic_write_handler;
+    using desc_write = gatts::descriptor_write_handler;
+    static std::vector<kind> const all = {
+        make_kind<read>("gattsCharValueRead", {{"offset", 2}},
+                        &gatts::set_characteristic_value_read_handler,
+                        &gatts::set_characteristic_value_read_handler,
+                        &gatts::set_characteristic_value_read_handler),
+        make_kind<read>(
+            "gattsDescValueRead", {{"offset", 2}}, &gatts::set_descriptor_value_read_handler,
+            &gatts::set_descriptor_value_read_handler, &gatts::set_descriptor_value_read_handler),
+        make_kind<char_write>("gattsCharValueWrite",
+                              {{"offset", 2}, {"responseNeeded", false}, {"data", "0aff"}},
+                              &gatts::set_characteristic_value_write_handler,
+                              &gatts::set_characteristic_value_write_handler,
+                              &gatts::set_characteristic_value_write_handler),
+        make_kind<desc_write>("gattsDescValueWrite", {{"offset", 2}, {"data", "0aff"}},
+                              &gatts::set_descriptor_value_write_handler,
+                              &gatts::set_descriptor_value_write_handler,
+                              &gatts::set_descriptor_value_write_handler),
+    };
     return all;
 }
 
