@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "tavrin/misc/hex.hpp"
@@ -12,6 +13,20 @@ namespace {
 
 // Bytes 4 to 15 of a reserved value are those of the base.
 constexpr std::size_t base_tail = 4;
+
+// The value of a hexadecimal digit, or -1.
+int hex_digit(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
 
 }  // namespace
 
@@ -58,9 +73,37 @@ void uuid::assign(std::vector<unsigned char>&& source) {
 }
 
 void uuid::assign(std::string const& text) {
-    std::string digits(text);
-    digits.erase(std::remove(digits.begin(), digits.end(), '-'), digits.end());
-    assign(misc::from_hex_string<std::vector<unsigned char>>(digits, ""));
+    // Read in place, with the errors of from_hex_string and adjust in their
+    // order (odd digit count, a non-hexadecimal digit, a size other than 2,
+    // 4 or 16 bytes): every GATT reply names a UUID, and copying the text,
+    // splitting it and growing a vector cost more than the reading.
+    std::size_t digits = 0;
+    for (char const c : text) {
+        digits += c != '-';
+    }
+    if (digits % 2 != 0) {
+        throw std::runtime_error("from_hex_string: Invalid input size");
+    }
+    for (char const c : text) {
+        if (c != '-' && hex_digit(c) < 0) {
+            throw std::runtime_error("from_hex_string: Got non-hexadecimal value");
+        }
+    }
+    auto const size = digits / 2;
+    if (size != 2 && size != 4 && size != 16) {
+        throw std::runtime_error("invalid bluetooth uuid size [" + std::to_string(size) + "]");
+    }
+    unsigned char read[16] = {};
+    std::size_t at = 0;
+    for (char const c : text) {
+        if (c != '-') {
+            read[at / 2] = static_cast<unsigned char>(read[at / 2] * 16 + hex_digit(c));
+            ++at;
+        }
+    }
+    auto const& base = get_raw_base();
+    value.assign(base.begin(), base.end());
+    std::copy(read, read + size, value.begin() + (size == 2 ? 2 : 0));
 }
 
 uuid& uuid::operator=(uuid const& other) {
