@@ -142,7 +142,10 @@ outcome applied(gatt_database::outcome const& result, context const& ctx) {
 
 std::variant<gatt_database::attribute const*, ctrl_error> named(std::optional<json> const& body,
                                                                 context const& ctx, kind what) {
-    if (auto const refusal = refuse(body, ctx, {"handle"}, {}, {"handle"})) {
+    // Built once: the walk asks this for every attribute.
+    static words const handle_only{"handle"};
+    static words const none;
+    if (auto const refusal = refuse(body, ctx, handle_only, none, handle_only)) {
         return *refusal;
     }
     return database_of(ctx).get(*read_handle(*body, "handle"), what);

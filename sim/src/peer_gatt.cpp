@@ -59,12 +59,7 @@ peer_gatt::~peer_gatt() {
 }
 
 bt_ctrl::capabilities peer_gatt::capabilities(std::string const& interface) const {
-    for (auto const& description : radio.interfaces()) {
-        if (description.name == interface) {
-            return description.caps;
-        }
-    }
-    return {};
+    return radio.capabilities(interface).value_or(bt_ctrl::capabilities{});
 }
 
 unsigned short peer_gatt::mtu(std::string const& interface, unsigned short connection) const {

@@ -127,12 +127,7 @@ model::holder holder_of(context const& ctx) {
 }
 
 bt_ctrl::capabilities capabilities_of(context const& ctx) {
-    for (auto const& description : ctx.radio.interfaces()) {
-        if (description.name == ctx.handshake.bound_interface) {
-            return description.caps;
-        }
-    }
-    return {};
+    return ctx.radio.capabilities(ctx.handshake.bound_interface).value_or(bt_ctrl::capabilities{});
 }
 
 std::variant<bt_ctrl::address, ctrl_error> read_peer_address(json const& value,

@@ -33,6 +33,11 @@ std::vector<interface_description> simulated_radio::interfaces() const {
     return descriptions;
 }
 
+std::optional<bt_ctrl::capabilities> simulated_radio::capabilities(std::string const& name) const {
+    auto const* entry = find(name);
+    return entry ? std::optional(entry->description.caps) : std::nullopt;
+}
+
 std::string simulated_radio::default_interface() const {
     return default_name;
 }

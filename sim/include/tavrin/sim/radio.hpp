@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "tavrin/bt_ctrl/address.hpp"
+#include "tavrin/bt_ctrl/capabilities.hpp"
 #include "tavrin/bt_ctrl/interface.hpp"
 #include "tavrin/bt_ctrl/signal.hpp"
 #include "tavrin/sim/interface_description.hpp"
@@ -82,6 +83,10 @@ public:
     virtual std::vector<interface_description> interfaces() const = 0;
     // The interface bound when a client names none; one of interfaces().
     virtual std::string default_interface() const = 0;
+    // The capabilities of one interface; empty for a name that is not one.
+    // The default reads interfaces(); a radio may answer without copying
+    // every description, as requests ask this once each.
+    virtual std::optional<bt_ctrl::capabilities> capabilities(std::string const& name) const;
     // Empty for a name that is not an interface.
     virtual std::optional<bt_ctrl::state> status(std::string const& name) const = 0;
     virtual std::optional<bt_ctrl::address> address(std::string const& name) const = 0;
