@@ -120,7 +120,7 @@ std::optional<ctrl_error> refuse(std::optional<json> const& body, context const&
     if (auto const refusal = refuse_unready(ctx)) {
         return *refusal;
     }
-    if (!capabilities_of(ctx).gattSrv) {
+    if (!has_gatt_server(ctx)) {
         return ctrl_error::unsupported_functionality;
     }
     return std::nullopt;

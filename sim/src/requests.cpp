@@ -126,6 +126,13 @@ model::holder holder_of(context const& ctx) {
     return {"", ctx.session};
 }
 
+bool has_gatt_server(context const& ctx) {
+    if (auto const* kept = ctx.radio.find_capabilities(ctx.handshake.bound_interface)) {
+        return kept->gattSrv;
+    }
+    return capabilities_of(ctx).gattSrv;
+}
+
 bt_ctrl::capabilities capabilities_of(context const& ctx) {
     return ctx.radio.capabilities(ctx.handshake.bound_interface).value_or(bt_ctrl::capabilities{});
 }

@@ -72,6 +72,8 @@ std::variant<bt_ctrl::address, ctrl_error> read_peer_address(nlohmann::json cons
                                                              context const& ctx);
 // The bound interface's capabilities.
 bt_ctrl::capabilities capabilities_of(context const& ctx);
+// Its `gattSrv`, read without a copy where the radio allows.
+bool has_gatt_server(context const& ctx);
 // Whether the body is an object with all the required keys and no key
 // beyond these and the optional ones.
 bool has_shape(std::optional<nlohmann::json> const& body, std::set<std::string> const& required,

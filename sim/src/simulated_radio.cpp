@@ -33,9 +33,9 @@ std::vector<interface_description> simulated_radio::interfaces() const {
     return descriptions;
 }
 
-std::optional<bt_ctrl::capabilities> simulated_radio::capabilities(std::string const& name) const {
+bt_ctrl::capabilities const* simulated_radio::find_capabilities(std::string const& name) const {
     auto const* entry = find(name);
-    return entry ? std::optional(entry->description.caps) : std::nullopt;
+    return entry ? &entry->description.caps : nullptr;
 }
 
 std::string simulated_radio::default_interface() const {

@@ -84,9 +84,13 @@ public:
     // The interface bound when a client names none; one of interfaces().
     virtual std::string default_interface() const = 0;
     // The capabilities of one interface; empty for a name that is not one.
-    // The default reads interfaces(); a radio may answer without copying
-    // every description, as requests ask this once each.
-    virtual std::optional<bt_ctrl::capabilities> capabilities(std::string const& name) const;
+    // Read through find_capabilities when it answers, else interfaces().
+    std::optional<bt_ctrl::capabilities> capabilities(std::string const& name) const;
+    // The capabilities the radio keeps for an interface, valid until its
+    // next change; null when it keeps none to point at (the default) or the
+    // name is not an interface. Requests ask this once each, where copying
+    // every description would cost more than the request.
+    virtual bt_ctrl::capabilities const* find_capabilities(std::string const& name) const;
     // Empty for a name that is not an interface.
     virtual std::optional<bt_ctrl::state> status(std::string const& name) const = 0;
     virtual std::optional<bt_ctrl::address> address(std::string const& name) const = 0;

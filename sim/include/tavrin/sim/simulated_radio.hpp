@@ -40,7 +40,7 @@ public:
 
     std::vector<interface_description> interfaces() const override;
     std::string default_interface() const override;
-    std::optional<bt_ctrl::capabilities> capabilities(std::string const& name) const override;
+    bt_ctrl::capabilities const* find_capabilities(std::string const& name) const override;
     std::optional<bt_ctrl::state> status(std::string const& name) const override;
     std::optional<bt_ctrl::address> address(std::string const& name) const override;
     std::optional<sim::slots> slots(std::string const& name) const override;
