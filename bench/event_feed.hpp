@@ -28,6 +28,7 @@
 #include "quorl/payload.hpp"
 #include "quorl/server.hpp"
 #include "tavrin/adapters/test_loop.hpp"
+#include "tavrin/bt_ctrl/connection.hpp"
 #include "tavrin/bt_ctrl/create_bt_ctrl.hpp"
 #include "tavrin/bt_ctrl/handshake_ctx.hpp"
 #include "tavrin/sim/config.hpp"
@@ -192,6 +193,43 @@ public:
     tv::utils::link listening;
     std::shared_ptr<tv::bt_ctrl> client;
     tv::utils::link enabling, finishing;
+};
+
+// The feed, with a connection opened to the simulator's first peer.
+class connection_feed : public event_feed {
+public:
+    explicit connection_feed(unsigned short port) : event_feed(settings(), port) {
+        conn = client->create_connection();
+        auto opening = conn->connect(tv::bt_ctrl::address{tv::bt_ctrl::addr_type::public_address,
+                                                          settings().peers.at(0).address.mac},
+                                     tv::bt_ctrl::phy::unknown, nullptr,
+                                     [](auto const&, std::error_code const& ec) {
+                                         if (ec)
+                                             throw std::runtime_error("connect: " + ec.message());
+                                     });
+        loop->advance(std::chrono::seconds(1));
+        if (conn->get_state() != tv::bt_ctrl::connection::state::opened)
+            throw std::runtime_error("the connection did not open");
+
+        // The handle is the client's business; a request that names it shows
+        // it in the simulator's log.
+        auto asking = conn->get_phy([](tv::bt_ctrl::phy, std::error_code const&) {});
+        loop->advance(std::chrono::seconds(1));
+        for (auto const& request : ctl->requests())
+            if (request.name == "connPhyGet" && request.body)
+                handle = request.body->at("connHandle").get<unsigned short>();
+        if (!handle)
+            throw std::runtime_error("no handle for the connection");
+    }
+
+    static tv::sim::config settings() {
+        auto made = tv::sim::config::builtin();
+        made.peers.at(0).accept_delay = std::chrono::seconds(0);
+        return made;
+    }
+
+    std::shared_ptr<tv::bt_ctrl::connection> conn;
+    std::optional<unsigned short> handle;
 };
 
 }  // namespace bench

@@ -38,40 +38,8 @@ constexpr unsigned short port = 7301;
 constexpr unsigned attribute = 42;
 
 // The feed, with a connection opened to the simulator's first peer.
-class fixture : public bench::event_feed {
-public:
-    fixture() : event_feed(settings(), port) {
-        conn = client->create_connection();
-        auto opening = conn->connect(tv::bt_ctrl::address{tv::bt_ctrl::addr_type::public_address,
-                                                          settings().peers.at(0).address.mac},
-                                     tv::bt_ctrl::phy::unknown, nullptr,
-                                     [](auto const&, std::error_code const& ec) {
-                                         if (ec)
-                                             throw std::runtime_error("connect: " + ec.message());
-                                     });
-        loop->advance(1s);
-        if (conn->get_state() != tv::bt_ctrl::connection::state::opened)
-            throw std::runtime_error("the connection did not open");
-
-        // The handle is the client's business; a request that names it shows
-        // it in the simulator's log.
-        auto asking = conn->get_phy([](tv::bt_ctrl::phy, std::error_code const&) {});
-        loop->advance(1s);
-        for (auto const& request : ctl->requests())
-            if (request.name == "connPhyGet" && request.body)
-                handle = request.body->at("connHandle").get<unsigned short>();
-        if (!handle)
-            throw std::runtime_error("no handle for the connection");
-    }
-
-    static tv::sim::config settings() {
-        auto made = tv::sim::config::builtin();
-        made.peers.at(0).accept_delay = 0s;
-        return made;
-    }
-
-    std::shared_ptr<tv::bt_ctrl::connection> conn;
-    std::optional<unsigned short> handle;
+struct fixture : bench::connection_feed {
+    fixture() : connection_feed(port) {}
 };
 
 struct window {
