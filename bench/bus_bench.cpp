@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "asio_support.hpp"
 #include "quorl/quorl.hpp"
 #include "quorl/server.hpp"
 #include "tavrin/adapters/asio.hpp"
@@ -100,8 +101,8 @@ class echo_servers {
 public:
     echo_servers()
         : loop(asio_loop::create(io)),
-          bus_listener(asio_listener::create(loop, loopback, 0,
-                                             [this](auto const& accepted) { serve(accepted); })),
+          bus_listener(asio_listener::create(
+              loop, loopback, 0, [this](auto const& accepted) { echo.serve(accepted); })),
           raw_acceptor(io, {asio::ip::make_address("127.0.0.1"), 0}) {
         accept_raw();
         thread = std::thread([this] { io.run(); });
@@ -114,27 +115,6 @@ public:
     unsigned short raw_port() const { return raw_acceptor.local_endpoint().port(); }
 
 private:
-    struct bus_session {
-        std::shared_ptr<tv::utils::connection> connection;
-        std::unique_ptr<zelvo::quorl_server> server;
-        zelvo::quorl_utils::scoped_link echo;
-    };
-
-    void serve(std::shared_ptr<tv::utils::connection> const& connection) {
-        auto session = std::make_unique<bus_session>();
-        session->connection = connection;
-        session->server = std::make_unique<zelvo::quorl_server>(
-            loop, [to = connection.get()](bytes const& frame) { return to->send(frame); });
-        session->echo = session->server->set_request_handler(
-            "echo", [](auto const& request, auto const& answer) {
-                answer.reply(zelvo::quorl_utils::payload(bytes(request->payload), request->format));
-            });
-        connection->set_receive_handler([server = session->server.get()](bytes const& chunk) {
-            server->receive(chunk, false, max_message, max_message);
-        });
-        bus_sessions.push_back(std::move(session));
-    }
-
     void accept_raw() {
         raw_acceptor.async_accept([this](std::error_code ec, asio::ip::tcp::socket socket) {
             if (ec)
@@ -148,9 +128,9 @@ private:
 
     asio::io_context io;
     std::shared_ptr<asio_loop> loop;
+    bench::echo_sessions echo{loop, max_message};
     std::shared_ptr<asio_listener> bus_listener;
     asio::ip::tcp::acceptor raw_acceptor;
-    std::vector<std::unique_ptr<bus_session>> bus_sessions;
     std::vector<std::unique_ptr<raw_peer>> raw_peers;
     std::thread thread;
 };

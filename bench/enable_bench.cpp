@@ -32,6 +32,7 @@
 #include <thread>
 #include <vector>
 
+#include "asio_support.hpp"
 #include "gatt_database.hpp"
 #include "tavrin/adapters/asio.hpp"
 #include "tavrin/bt_ctrl/advertiser.hpp"
@@ -109,15 +110,9 @@ private:
     std::thread thread;
 };
 
-// Runs the main io_context until `done`, for at most ten seconds.
+// Runs the main io_context until `done`, for at most 10 seconds.
 void run_until(asio::io_context& io, std::function<bool()> const& done, char const* what) {
-    auto const deadline = clock_type::now() + 10s;
-    io.restart();
-    while (!done()) {
-        if (clock_type::now() > deadline)
-            throw std::runtime_error(std::string("timed out waiting for ") + what);
-        io.run_one_for(100ms);
-    }
+    bench::run_until(io, done, what, 10s);
 }
 
 // A client enabled on the default interface; `started` is when enable() was

@@ -32,6 +32,7 @@
 #include <utility>
 #include <vector>
 
+#include "asio_support.hpp"
 #include "gatt_database.hpp"
 #include "quorl/quorl.hpp"
 #include "quorl/server.hpp"
@@ -111,8 +112,8 @@ public:
           empty(loop, tv::sim::config::builtin()),
           full_listener(asio_listener::create(loop, loopback, 0, full.accept_handler())),
           empty_listener(asio_listener::create(loop, loopback, 0, empty.accept_handler())),
-          echo_listener(asio_listener::create(loop, loopback, 0,
-                                              [this](auto const& accepted) { serve(accepted); })) {
+          echo_listener(asio_listener::create(
+              loop, loopback, 0, [this](auto const& accepted) { echo.serve(accepted); })) {
         thread = std::thread([this] {
             auto const work = asio::make_work_guard(io);
             io.run();
@@ -127,44 +128,17 @@ public:
     unsigned short echo_port() const { return echo_listener->port(); }
 
 private:
-    struct echo_session {
-        std::shared_ptr<tv::utils::connection> connection;
-        std::unique_ptr<zelvo::quorl_server> server;
-        zelvo::quorl_utils::scoped_link echo;
-    };
-
-    void serve(std::shared_ptr<tv::utils::connection> const& connection) {
-        auto session = std::make_unique<echo_session>();
-        session->connection = connection;
-        session->server = std::make_unique<zelvo::quorl_server>(
-            loop, [to = connection.get()](bytes const& frame) { return to->send(frame); });
-        session->echo = session->server->set_request_handler(
-            "echo", [](auto const& request, auto const& answer) {
-                answer.reply(zelvo::quorl_utils::payload(bytes(request->payload), request->format));
-            });
-        connection->set_receive_handler([server = session->server.get()](bytes const& chunk) {
-            server->receive(chunk, false, max_message, max_message);
-        });
-        sessions.push_back(std::move(session));
-    }
-
     asio::io_context io;
     std::shared_ptr<asio_loop> loop;
+    bench::echo_sessions echo{loop, max_message};
     tv::sim::controller full, empty;
     std::shared_ptr<asio_listener> full_listener, empty_listener, echo_listener;
-    std::vector<std::unique_ptr<echo_session>> sessions;
     std::thread thread;
 };
 
-// Runs the main io_context until `done`, for at most thirty seconds.
+// Runs the main io_context until `done`, for at most 30 seconds.
 void run_until(asio::io_context& io, std::function<bool()> const& done, char const* what) {
-    auto const deadline = clock_type::now() + 30s;
-    io.restart();
-    while (!done()) {
-        if (clock_type::now() > deadline)
-            throw std::runtime_error(std::string("timed out waiting for ") + what);
-        io.run_one_for(100ms);
-    }
+    bench::run_until(io, done, what, 30s);
 }
 
 // A client enabled on the default interface, its messages counted.
